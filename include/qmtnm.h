@@ -1,0 +1,171 @@
+/* libqmtnm: network configuration of the appliance.
+ *
+ * Management programs call qmtnm_lcl_set() / qmtnm_lcl_get() with an instance id and a
+ * pointer to that area's settings record. Results are 0 or a negative error code built by
+ * QMTNM_ERR(module, reason). This header compiles as C99 and as C++.
+ */
+#ifndef QMTNM_H
+#define QMTNM_H
+
+#include <stdint.h>
+#include <netinet/in.h>
+#include <semaphore.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifndef QMTNM_API
+#define QMTNM_API __attribute__((visibility("default")))
+#endif
+
+#if defined(__cplusplus)
+#define QMTNM_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define QMTNM_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+
+/* ---- instance ids ------------------------------------------------------------------- */
+enum qmtnm_instance_id {
+    QMTNM_ID_BR = 0,
+    QMTNM_ID_ETHTYPE = 1,
+    QMTNM_ID_ETHMAC = 2,
+    QMTNM_ID_WAN = 3,
+    QMTNM_ID_LAN = 4,
+    QMTNM_ID_DDNS = 5,
+    QMTNM_ID_PPPOE = 6,
+    QMTNM_ID_UPNP = 7,
+    QMTNM_ID_BONJOUR = 8,
+    QMTNM_ID_IPFILTER = 9,
+    /* 10 is unused */
+    QMTNM_ID_QOS = 11,
+    QMTNM_ID_WANFLASH = 12,
+    QMTNM_ID_DOSCAN = 13,
+    QMTNM_ID_SCANRESULT = 14,
+    QMTNM_ID_STA = 15,
+    QMTNM_ID_AP = 16,
+    QMTNM_ID_STAPIN = 17,
+    QMTNM_ID_APPIN = 18,
+    QMTNM_ID_COUNT = 19
+};
+
+/* ---- error codes ---------------------------------------------------------------------- */
+/* 0xFD000000 | module << 16 | (uint16_t)reason; always negative as int32_t. */
+#define QMTNM_ERR(module, reason)                                                              \
+    ((int32_t)(0xFD000000u | ((uint32_t)((module) & 0xFFu) << 16) |                          \
+               ((uint32_t)(int32_t)(reason) & 0xFFFFu)))
+/* Module byte of an area: 0xFF minus its instance id; 0x00 for the dispatcher and helpers. */
+#define QMTNM_MODULE(id) (0xFFu - (uint32_t)(id))
+#define QMTNM_MODULE_CORE 0x00u
+#define QMTNM_ERR_MODULE(code) (((uint32_t)(code) >> 16) & 0xFFu)
+#define QMTNM_ERR_REASON(code) ((int32_t)(int16_t)((uint32_t)(code) & 0xFFFFu))
+
+#define QMTNM_MOD_BR 0xFFu
+#define QMTNM_MOD_ETHTYPE 0xFEu
+#define QMTNM_MOD_ETHMAC 0xFDu
+#define QMTNM_MOD_WAN 0xFCu
+#define QMTNM_MOD_LAN 0xFBu
+#define QMTNM_MOD_DDNS 0xFAu
+#define QMTNM_MOD_PPPOE 0xF9u
+#define QMTNM_MOD_UPNP 0xF8u
+#define QMTNM_MOD_BONJOUR 0xF7u
+#define QMTNM_MOD_IPFILTER 0xF6u
+#define QMTNM_MOD_QOS 0xF4u
+#define QMTNM_MOD_WANFLASH 0xF3u
+#define QMTNM_MOD_DOSCAN 0xF2u
+#define QMTNM_MOD_SCANRESULT 0xF1u
+#define QMTNM_MOD_STA 0xF0u
+#define QMTNM_MOD_AP 0xEFu
+#define QMTNM_MOD_STAPIN 0xEEu
+#define QMTNM_MOD_APPIN 0xEDu
+
+enum qmtnm_reason {
+    QMTNM_R_FAIL = -1,    /* general failure of an operation */
+    QMTNM_R_STORE = -2,   /* settings store read or write failed, hardware-store write failed */
+    QMTNM_R_IO = -3,      /* a file could not be opened, or a command or query failed */
+    QMTNM_R_NOMEM = -4,   /* allocation failed; in the dispatcher: no instance for the id */
+    QMTNM_R_TIME = -5,    /* the current time could not be read */
+    QMTNM_R_BUSY = -6,    /* the instance's semaphore could not be taken in time */
+    QMTNM_R_INVALID = -7  /* the caller's record failed validation */
+};
+
+/* ---- instance record ------------------------------------------------------------------ */
+typedef struct lcl_instance lcl_instance;
+
+typedef int32_t (*lcl_op_fn)(lcl_instance *inst, void *arg1, uintptr_t arg2);
+typedef int32_t (*lcl_nochange_fn)(lcl_instance *inst, void *arg1, uintptr_t arg2,
+                                   int32_t *changed);
+typedef int32_t (*lcl_activate_fn)(lcl_instance *inst, void *arg1, uintptr_t arg2,
+                                   uint32_t *activate);
+
+struct lcl_instance {
+    const char *name;
+    lcl_op_fn check;
+    lcl_nochange_fn nochange;
+    lcl_activate_fn activate_now;
+    lcl_op_fn flush;
+    lcl_op_fn pre_set;
+    lcl_op_fn set;
+    lcl_op_fn get;
+    sem_t *get_sem;
+    sem_t *set_sem;
+    uint32_t set_timeout_ms; /* 0 means 2000 */
+    uint32_t get_timeout_ms; /* 0 means 2000 */
+    uint32_t reserved;
+};
+QMTNM_STATIC_ASSERT(sizeof(void *) != 4 || sizeof(lcl_instance) == 52,
+                    "lcl_instance is thirteen 32-bit words on the target");
+
+/* ---- settings records ----------------------------------------------------------------- */
+/* Zero a record before filling it: the compare step compares whole records byte by byte. */
+
+/* qos_lcl: DSCP marking of every packet the device sends. */
+typedef struct qmtnm_qos_cfg {
+    int32_t enable; /* 0 off, 1 on */
+    int32_t dscp;   /* 0..63; checked as unsigned */
+} qmtnm_qos_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_qos_cfg) == 8, "QoS record is 8 bytes");
+
+/* ---- exported calls and data ---------------------------------------------------------- */
+QMTNM_API int32_t qmtnm_lcl_set(uint32_t id, void *arg1, uintptr_t arg2);
+QMTNM_API int32_t qmtnm_lcl_get(uint32_t id, void *arg1, uintptr_t arg2);
+QMTNM_API lcl_instance *get_lcl_instance(uint32_t id);
+
+/* 0: errors only; 1 (default): also information; 2: also traces. */
+QMTNM_API extern int32_t nm_log_level;
+
+QMTNM_API extern lcl_instance br_lcl;
+QMTNM_API extern lcl_instance ethtype_lcl;
+QMTNM_API extern lcl_instance ethmac_lcl;
+QMTNM_API extern lcl_instance wan_lcl;
+QMTNM_API extern lcl_instance lan_lcl;
+QMTNM_API extern lcl_instance ddns_lcl;
+QMTNM_API extern lcl_instance pppoe_lcl;
+QMTNM_API extern lcl_instance upnp_lcl;
+QMTNM_API extern lcl_instance bonjour_lcl;
+QMTNM_API extern lcl_instance ipfilter_lcl;
+QMTNM_API extern lcl_instance qos_lcl;
+QMTNM_API extern lcl_instance wanflash_lcl;
+QMTNM_API extern lcl_instance doscan_lcl;
+QMTNM_API extern lcl_instance scanresult_lcl;
+QMTNM_API extern lcl_instance sta_lcl;
+QMTNM_API extern lcl_instance ap_lcl;
+QMTNM_API extern lcl_instance stapin_lcl;
+QMTNM_API extern lcl_instance appin_lcl;
+
+/* ---- common helpers -------------------------------------------------------------------- */
+/* mode 1: create/truncate; mode 2: append to an existing file. Returns 0 or 0xFD00FFFD. */
+QMTNM_API int32_t write_conf_file(const char *path, uint32_t mode, const char *text);
+/* which 0: address, 2: netmask (32-bit word); 4: hardware address (16-byte sockaddr).
+ * Returns 0 or -errno. */
+QMTNM_API int32_t nm_get_inaddr(const char *ifname, int32_t which, void *out);
+/* Rewrites /var/conf/hosts from the stored addresses and host name. */
+QMTNM_API int32_t update_hosts_file(void);
+/* which 0: saved IP address, 1: saved netmask, into the hardware store. */
+QMTNM_API void save_hw_conf(int32_t which, struct in_addr addr);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QMTNM_H */

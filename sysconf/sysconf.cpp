@@ -1,0 +1,468 @@
+// libsysconf: the settings store, one SQLite database of path -> value rows.
+//
+// A path is the domain and the components named by the format, joined by '/'; a list element
+// is the component "#<index>" below the list's name. Every write is one autocommit
+// transaction in WAL mode with synchronous=FULL, so a value is on disk when the call returns
+// and a crash never leaves it half-written. Each process opens its own connection on first
+// use; a child after fork() opens a fresh one instead of sharing its parent's.
+#include "qmt_conf.h"
+
+#include <sqlite3.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+
+#ifndef SYSCONF_DEFAULT_DB
+#define SYSCONF_DEFAULT_DB "/var/conf/sysconf.db"
+#endif
+
+namespace {
+
+constexpr int kBusyTimeoutMs = 10000;
+constexpr size_t kMaxPath = 512;
+
+// ---- connection --------------------------------------------------------------------------
+
+class connection {
+  public:
+    enum stmt_id { GET, PUT_INT, PUT_STR, DEL, DEL_TREE, RANGE, COUNT_ };
+
+    ~connection() { close(); }
+
+    bool open(const char *path) {
+        if (sqlite3_open_v2(path, &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
+                                            SQLITE_OPEN_NOMUTEX,
+                            nullptr) != SQLITE_OK) {
+            close();
+            return false;
+        }
+        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        static const char *const setup =
+            "PRAGMA journal_mode=WAL;"
+            "PRAGMA synchronous=FULL;"
+            "CREATE TABLE IF NOT EXISTS conf(path TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID;";
+        if (sqlite3_exec(db_, setup, nullptr, nullptr, nullptr) != SQLITE_OK) {
+            close();
+            return false;
+        }
+        static const char *const sql[COUNT_] = {
+            "SELECT value FROM conf WHERE path=?1",
+            "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)",
+            "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)",
+            "DELETE FROM conf WHERE path=?1",
+            "DELETE FROM conf WHERE path>?1 AND path<?2",
+            "SELECT path FROM conf WHERE path>?1 AND path<?2",
+        };
+        for (int i = 0; i < COUNT_; ++i) {
+            if (sqlite3_prepare_v3(db_, sql[i], -1, SQLITE_PREPARE_PERSISTENT, &stmts_[i],
+                                   nullptr) != SQLITE_OK) {
+                close();
+                return false;
+            }
+        }
+        return true;
+    }
+
+    sqlite3 *db() const { return db_; }
+
+    // A prepared statement, reset and with its bindings cleared.
+    sqlite3_stmt *use(stmt_id id) {
+        sqlite3_stmt *s = stmts_[id];
+        sqlite3_reset(s);
+        sqlite3_clear_bindings(s);
+        return s;
+    }
+
+  private:
+    void close() {
+        for (auto &s : stmts_) {
+            sqlite3_finalize(s);
+            s = nullptr;
+        }
+        if (db_)
+            sqlite3_close_v2(db_);
+        db_ = nullptr;
+    }
+
+    sqlite3 *db_ = nullptr;
+    sqlite3_stmt *stmts_[COUNT_] = {};
+};
+
+// The process's connection. After fork() the child must not touch its parent's connection
+// (SQLite's locks belong to the parent's process), so the old one is abandoned, not closed.
+struct process_store {
+    std::mutex lock;
+    connection *conn = nullptr;
+    pid_t owner = 0;
+    std::string path;
+};
+
+process_store *store_state() {
+    static process_store *state = new process_store;
+    if (state->owner != 0 && state->owner != getpid())
+        state = new process_store; // the parent's state, mutex included, stays untouched
+    return state;
+}
+
+const char *configured_path() {
+    const char *env = getenv("SYSCONF_DB");
+    return env && *env ? env : SYSCONF_DEFAULT_DB;
+}
+
+// Runs fn(connection&) under the process's lock; QMT_CONF_ESTORE when the store won't open.
+template <class Fn> int with_store(Fn fn) {
+    process_store *st = store_state();
+    std::lock_guard<std::mutex> guard(st->lock);
+    if (st->conn == nullptr) {
+        auto *c = new connection;
+        st->path = configured_path();
+        if (!c->open(st->path.c_str())) {
+            delete c;
+            return QMT_CONF_ESTORE;
+        }
+        st->conn = c;
+        st->owner = getpid();
+    }
+    return fn(*st->conn);
+}
+
+int step_done(sqlite3_stmt *s) {
+    int rc = sqlite3_step(s);
+    sqlite3_reset(s);
+    return rc == SQLITE_DONE ? 0 : QMT_CONF_ESTORE;
+}
+
+// ---- paths -------------------------------------------------------------------------------
+
+// Builds "domain/comp/comp/#i/..." with checks: components are non-empty, hold no '/', and do
+// not start with '#' (reserved for list elements).
+class path_builder {
+  public:
+    bool add(std::string_view comp) {
+        if (comp.empty() || comp.find('/') != std::string_view::npos || comp[0] == '#')
+            return false;
+        return append(comp);
+    }
+    bool add_index(int index) {
+        if (index < 0 || parts_ < 2)
+            return false;
+        char buf[16];
+        snprintf(buf, sizeof buf, "#%d", index);
+        return append(buf);
+    }
+    const std::string &str() const { return path_; }
+    int parts() const { return parts_; }
+
+  private:
+    bool append(std::string_view comp) {
+        if (path_.size() + comp.size() + 1 > kMaxPath)
+            return false;
+        if (!path_.empty())
+            path_ += '/';
+        path_ += comp;
+        ++parts_;
+        return true;
+    }
+    std::string path_;
+    int parts_ = 0;
+};
+
+// Rows strictly below prefix: path in (prefix + "/", prefix + "0"), '0' being '/' + 1.
+void bind_subtree(sqlite3_stmt *s, const std::string &prefix, std::string &lo, std::string &hi) {
+    lo = prefix + "/";
+    hi = prefix + "0";
+    sqlite3_bind_text(s, 1, lo.c_str(), static_cast<int>(lo.size()), SQLITE_STATIC);
+    sqlite3_bind_text(s, 2, hi.c_str(), static_cast<int>(hi.size()), SQLITE_STATIC);
+}
+
+// ---- values ------------------------------------------------------------------------------
+
+int read_int(connection &c, const std::string &path, int *out) {
+    sqlite3_stmt *s = c.use(connection::GET);
+    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    int rc = sqlite3_step(s);
+    int result = QMT_CONF_ENOENT;
+    if (rc == SQLITE_ROW) {
+        if (sqlite3_column_type(s, 0) == SQLITE_INTEGER) {
+            sqlite3_int64 v = sqlite3_column_int64(s, 0);
+            result = (v < INT_MIN || v > INT_MAX) ? QMT_CONF_ETYPE : 0;
+            if (result == 0)
+                *out = static_cast<int>(v);
+        } else {
+            result = QMT_CONF_ETYPE;
+        }
+    } else if (rc != SQLITE_DONE) {
+        result = QMT_CONF_ESTORE;
+    }
+    sqlite3_reset(s);
+    return result;
+}
+
+// Copies at most cap - 1 bytes and always terminates (cap >= 1).
+int read_str(connection &c, const std::string &path, char *buf, int cap) {
+    sqlite3_stmt *s = c.use(connection::GET);
+    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    int rc = sqlite3_step(s);
+    int result = QMT_CONF_ENOENT;
+    if (rc == SQLITE_ROW) {
+        const auto *text = reinterpret_cast<const char *>(sqlite3_column_text(s, 0));
+        size_t n = text ? static_cast<size_t>(sqlite3_column_bytes(s, 0)) : 0;
+        if (n > static_cast<size_t>(cap - 1))
+            n = static_cast<size_t>(cap - 1);
+        if (n)
+            memcpy(buf, text, n);
+        buf[n] = '\0';
+        result = 0;
+    } else if (rc != SQLITE_DONE) {
+        result = QMT_CONF_ESTORE;
+    }
+    sqlite3_reset(s);
+    return result;
+}
+
+int write_int(connection &c, const std::string &path, int v) {
+    sqlite3_stmt *s = c.use(connection::PUT_INT);
+    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    sqlite3_bind_int(s, 2, v);
+    return step_done(s);
+}
+
+int write_str(connection &c, const std::string &path, const char *v) {
+    sqlite3_stmt *s = c.use(connection::PUT_STR);
+    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    sqlite3_bind_text(s, 2, v, -1, SQLITE_STATIC);
+    return step_done(s);
+}
+
+// Deletes the value at path and everything below it, in one transaction.
+int delete_path(connection &c, const std::string &path) {
+    if (sqlite3_exec(c.db(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
+        return QMT_CONF_ESTORE;
+    sqlite3_stmt *s = c.use(connection::DEL);
+    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    int r = step_done(s);
+    if (r == 0) {
+        std::string lo, hi;
+        s = c.use(connection::DEL_TREE);
+        bind_subtree(s, path, lo, hi);
+        r = step_done(s);
+    }
+    const char *end = r == 0 ? "COMMIT" : "ROLLBACK";
+    if (sqlite3_exec(c.db(), end, nullptr, nullptr, nullptr) != SQLITE_OK) {
+        sqlite3_exec(c.db(), "ROLLBACK", nullptr, nullptr, nullptr);
+        return QMT_CONF_ESTORE;
+    }
+    return r;
+}
+
+// Number of elements of the list at path: one more than the highest element index in use.
+int count_list(connection &c, const std::string &path, int *out) {
+    sqlite3_stmt *s = c.use(connection::RANGE);
+    std::string lo, hi;
+    bind_subtree(s, path, lo, hi);
+    long highest = -1;
+    int rc;
+    while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
+        const auto *p = reinterpret_cast<const char *>(sqlite3_column_text(s, 0));
+        const char *elem = p + lo.size();
+        if (*elem != '#')
+            continue;
+        char *end = nullptr;
+        long idx = strtol(elem + 1, &end, 10);
+        if (end != elem + 1 && (*end == '/' || *end == '\0') && idx > highest && idx < INT_MAX)
+            highest = idx;
+    }
+    sqlite3_reset(s);
+    if (rc != SQLITE_DONE)
+        return QMT_CONF_ESTORE;
+    *out = static_cast<int>(highest + 1);
+    return 0;
+}
+
+// ---- format directives -------------------------------------------------------------------
+
+enum class op { none, get_int, get_str, count, put_int, put_str, del };
+
+struct request {
+    path_builder path;
+    op action = op::none;
+    int capacity = -1;
+    void *out = nullptr;
+    const char *text = nullptr;
+    int value = 0;
+};
+
+// Parses format, consuming arguments from ap. The last directive must be the value's (%s, %d,
+// %z or %r); %l must stand right before a read's %s. Returns 0 or QMT_CONF_EFORMAT.
+int parse(bool write, const char *domain, const char *format, va_list ap, request &rq) {
+    if (domain == nullptr || format == nullptr || !rq.path.add(domain))
+        return QMT_CONF_EFORMAT;
+    bool pending_cap = false;
+    for (const char *f = format; *f; f += 2) {
+        if (f[0] != '%' || f[1] == '\0' || rq.action != op::none)
+            return QMT_CONF_EFORMAT;
+        if (pending_cap && f[1] != 's')
+            return QMT_CONF_EFORMAT;
+        switch (f[1]) {
+        case 'k':
+        case 'K': {
+            const char *comp = va_arg(ap, const char *);
+            if (comp == nullptr || !rq.path.add(comp))
+                return QMT_CONF_EFORMAT;
+            break;
+        }
+        case 'i':
+            if (!rq.path.add_index(va_arg(ap, int)))
+                return QMT_CONF_EFORMAT;
+            break;
+        case 'l':
+            if (write)
+                return QMT_CONF_EFORMAT;
+            rq.capacity = va_arg(ap, int);
+            if (rq.capacity < 1)
+                return QMT_CONF_EFORMAT;
+            pending_cap = true;
+            break;
+        case 's':
+            if (write) {
+                rq.text = va_arg(ap, const char *);
+                if (rq.text == nullptr)
+                    return QMT_CONF_EFORMAT;
+                rq.action = op::put_str;
+            } else {
+                if (!pending_cap)
+                    return QMT_CONF_EFORMAT;
+                rq.out = va_arg(ap, char *);
+                rq.action = op::get_str;
+            }
+            pending_cap = false;
+            break;
+        case 'd':
+            if (write) {
+                rq.value = va_arg(ap, int);
+                rq.action = op::put_int;
+            } else {
+                rq.out = va_arg(ap, int *);
+                rq.action = op::get_int;
+            }
+            break;
+        case 'z':
+            if (write)
+                return QMT_CONF_EFORMAT;
+            rq.out = va_arg(ap, int *);
+            rq.action = op::count;
+            break;
+        case 'r':
+            if (!write)
+                return QMT_CONF_EFORMAT;
+            rq.action = op::del;
+            break;
+        default:
+            return QMT_CONF_EFORMAT;
+        }
+    }
+    // A value sits at least at domain/section/key; a list count at domain/section/list.
+    if (rq.action == op::none || rq.path.parts() < 3)
+        return QMT_CONF_EFORMAT;
+    if (rq.out == nullptr && (rq.action == op::get_int || rq.action == op::get_str ||
+                              rq.action == op::count))
+        return QMT_CONF_EFORMAT;
+    return 0;
+}
+
+int execute(request &rq) {
+    return with_store([&](connection &c) {
+        const std::string &p = rq.path.str();
+        switch (rq.action) {
+        case op::get_int:
+            return read_int(c, p, static_cast<int *>(rq.out));
+        case op::get_str:
+            return read_str(c, p, static_cast<char *>(rq.out), rq.capacity);
+        case op::count:
+            return count_list(c, p, static_cast<int *>(rq.out));
+        case op::put_int:
+            return write_int(c, p, rq.value);
+        case op::put_str:
+            return write_str(c, p, rq.text);
+        case op::del:
+            return delete_path(c, p);
+        case op::none:
+            break;
+        }
+        return QMT_CONF_EFORMAT;
+    });
+}
+
+int conf_call(bool write, const char *domain, const char *format, va_list ap) {
+    request rq;
+    int r = parse(write, domain, format, ap, rq);
+    return r < 0 ? r : execute(rq);
+}
+
+} // namespace
+
+extern "C" {
+
+int qmt_conf_scanf(const char *domain, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    int r = conf_call(false, domain, format, ap);
+    va_end(ap);
+    return r;
+}
+
+int qmt_conf_printf(const char *domain, const char *format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    int r = conf_call(true, domain, format, ap);
+    va_end(ap);
+    return r;
+}
+
+const char *sysconf_db_path(void) { return configured_path(); }
+
+} // extern "C"
+
+// The text form (dump, load, path access) lives in sysconf_text.cpp and uses these.
+namespace sysconf_internal {
+
+int with_db(int (*fn)(sqlite3 *, void *), void *ctx) {
+    return with_store([&](connection &c) { return fn(c.db(), ctx); });
+}
+
+int delete_tree(const char *path) {
+    return with_store([&](connection &c) { return delete_path(c, path); });
+}
+
+bool valid_path(std::string_view path) {
+    // At least domain/section/key; every component non-empty; '#' only as "#<digits>".
+    int parts = 0;
+    size_t start = 0;
+    while (start <= path.size()) {
+        size_t end = path.find('/', start);
+        if (end == std::string_view::npos)
+            end = path.size();
+        std::string_view comp = path.substr(start, end - start);
+        if (comp.empty())
+            return false;
+        if (comp[0] == '#') {
+            if (comp.size() < 2 || parts < 2)
+                return false;
+            for (char ch : comp.substr(1))
+                if (ch < '0' || ch > '9')
+                    return false;
+        }
+        ++parts;
+        start = end + 1;
+    }
+    return parts >= 3 && path.size() <= kMaxPath;
+}
+
+} // namespace sysconf_internal
