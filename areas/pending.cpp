@@ -3,8 +3,8 @@
 // returns 0; a get returns 0 without touching the record).
 #include "qmtnm.h"
 
-#define NM_PENDING_INSTANCE(var, set_ms, get_ms)                                               \
-    lcl_instance var = {#var,    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,         \
+#define NM_PENDING_INSTANCE(var, set_ms, get_ms)                                                   \
+    lcl_instance var = {#var,    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,             \
                         nullptr, nullptr, nullptr, set_ms,  get_ms,  0}
 
 NM_PENDING_INSTANCE(br_lcl, 0, 0);

@@ -20,7 +20,9 @@ constexpr nm::store_field kFields[] = {
 // dscp is stored only while marking is on.
 constexpr nm::store_map kStore = {"network_qos", kModule, kFields, 2, true};
 
-int32_t get_qos_config(qos_cfg *cfg) { return nm::store_read(__func__, kStore, cfg); }
+int32_t get_qos_config(qos_cfg *cfg) {
+    return nm::store_read(__func__, kStore, cfg);
+}
 
 int32_t check_qos_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const auto *cfg = static_cast<const qos_cfg *>(arg1);
@@ -52,8 +54,7 @@ int32_t set_qos(lcl_instance *, void *arg1, uintptr_t) {
         return 0;
     nm::run_cmd(kCmdCap, "iptables -t mangle -N qos_mangle_chain");
     nm::run_cmd(kCmdCap, "iptables -t mangle -A OUTPUT -j qos_mangle_chain");
-    nm::run_cmd(kCmdCap, "iptables -t mangle -A qos_mangle_chain -j DSCP --set-dscp %d",
-                cfg->dscp);
+    nm::run_cmd(kCmdCap, "iptables -t mangle -A qos_mangle_chain -j DSCP --set-dscp %d", cfg->dscp);
     return 0;
 }
 
@@ -68,7 +69,17 @@ int32_t get_qos(lcl_instance *, void *arg1, uintptr_t) {
 } // namespace
 
 lcl_instance qos_lcl = {
-    "qos_lcl", check_qos_info_grammar, qos_config_nochange, nullptr, flush_qos_config, nullptr,
-    set_qos,   get_qos,                nullptr,             nullptr, 0,                0,
+    "qos_lcl",
+    check_qos_info_grammar,
+    qos_config_nochange,
+    nullptr,
+    flush_qos_config,
+    nullptr,
+    set_qos,
+    get_qos,
+    nullptr,
+    nullptr,
+    0,
+    0,
     0,
 };

@@ -11,7 +11,9 @@
 namespace nm {
 
 // ---- error codes ----
-constexpr int32_t err(uint32_t module, int32_t reason) { return QMTNM_ERR(module, reason); }
+constexpr int32_t err(uint32_t module, int32_t reason) {
+    return QMTNM_ERR(module, reason);
+}
 
 // ---- store mapping of a record ----
 enum class field_type : uint8_t {
@@ -30,15 +32,17 @@ struct store_field {
 };
 
 struct store_map {
-    const char *section;      // "network_qos"
-    uint32_t module;          // the area's module byte
+    const char *section; // "network_qos"
+    uint32_t module;     // the area's module byte
     const store_field *fields;
     size_t count;
-    bool switch_first;        // first field is the enable switch: a 0 stops the write there
+    bool switch_first; // first field is the enable switch: a 0 stops the write there
 };
 
-#define NM_FIELD(rec, member, type, key, cap, rmsg, wmsg)                                    \
-    ::nm::store_field { key, ::nm::field_type::type, offsetof(rec, member), cap, rmsg, wmsg }
+#define NM_FIELD(rec, member, type, key, cap, rmsg, wmsg)                                          \
+    ::nm::store_field {                                                                            \
+        key, ::nm::field_type::type, offsetof(rec, member), cap, rmsg, wmsg                        \
+    }
 
 // Reads every field in order into record; stops at the first failure, logging its message
 // under func and returning the area's store code (reason -2).
@@ -61,8 +65,8 @@ int32_t config_nochange(const char *func, uint32_t module, const void *record, s
                         record_reader reader, const char *read_fail, int32_t *changed);
 
 template <class Rec, int32_t (*Reader)(Rec *)>
-int32_t config_nochange(const char *func, uint32_t module, const Rec *record,
-                        const char *read_fail, int32_t *changed) {
+int32_t config_nochange(const char *func, uint32_t module, const Rec *record, const char *read_fail,
+                        int32_t *changed) {
     record_reader read = [](void *stored) { return Reader(static_cast<Rec *>(stored)); };
     return config_nochange(func, module, record, sizeof(Rec), read, read_fail, changed);
 }

@@ -9,7 +9,8 @@ namespace nm {
 enum log_gate : int32_t { LOG_GATE_ERR = 0, LOG_GATE_INFO = 1, LOG_GATE_TRACE = 2 };
 
 // Logs fmt (the text after the "%-20s--> " prefix) under the function name func.
-void log(int32_t gate, const char *func, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
+void log(int32_t gate, const char *func, const char *fmt, ...)
+    __attribute__((format(printf, 3, 4)));
 
 } // namespace nm
 

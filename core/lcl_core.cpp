@@ -19,9 +19,10 @@
 namespace {
 
 lcl_instance *const lcl_network[QMTNM_ID_COUNT] = {
-    &br_lcl,      &ethtype_lcl, &ethmac_lcl,     &wan_lcl, &lan_lcl,    &ddns_lcl,   &pppoe_lcl,
-    &upnp_lcl,    &bonjour_lcl, &ipfilter_lcl,   nullptr,  &qos_lcl,    &wanflash_lcl,
-    &doscan_lcl,  &scanresult_lcl, &sta_lcl,     &ap_lcl,  &stapin_lcl, &appin_lcl,
+    &br_lcl,   &ethtype_lcl, &ethmac_lcl,   &wan_lcl,     &lan_lcl,
+    &ddns_lcl, &pppoe_lcl,   &upnp_lcl,     &bonjour_lcl, &ipfilter_lcl,
+    nullptr,   &qos_lcl,     &wanflash_lcl, &doscan_lcl,  &scanresult_lcl,
+    &sta_lcl,  &ap_lcl,      &stapin_lcl,   &appin_lcl,
 };
 
 constexpr uint32_t kDefaultTimeoutMs = 2000;
@@ -31,7 +32,9 @@ constexpr mode_t kSemMode = 0644;
 // The activate flag: nonzero while changes may still be applied at once.
 uint32_t *activate = nullptr;
 
-uint32_t timeout_or_default(uint32_t ms) { return ms ? ms : kDefaultTimeoutMs; }
+uint32_t timeout_or_default(uint32_t ms) {
+    return ms ? ms : kDefaultTimeoutMs;
+}
 
 // Takes sem within timeout_ms. Returns 0, or the clock or busy code after logging under func.
 int32_t take(sem_t *sem, uint32_t timeout_ms, const char *func) {
@@ -228,6 +231,8 @@ __attribute__((constructor)) void libqmtnm_lcl_init(void) {
     openlog("libqmtnm", LOG_CONS | LOG_PID, LOG_LOCAL2);
 }
 
-__attribute__((destructor)) void libqmtnm_lcl_exit(void) { closelog(); }
+__attribute__((destructor)) void libqmtnm_lcl_exit(void) {
+    closelog();
+}
 
 } // extern "C"

@@ -51,14 +51,14 @@ enum qmtnm_instance_id {
 
 /* ---- error codes ---------------------------------------------------------------------- */
 /* 0xFD000000 | module << 16 | (uint16_t)reason; always negative as int32_t. */
-#define QMTNM_ERR(module, reason)                                                              \
-    ((int32_t)(0xFD000000u | ((uint32_t)((module) & 0xFFu) << 16) |                          \
-               ((uint32_t)(int32_t)(reason) & 0xFFFFu)))
+#define QMTNM_ERR(module, reason)                                                                  \
+    ((int32_t)(0xFD000000u | ((uint32_t)((module)&0xFFu) << 16) |                                  \
+               ((uint32_t)(int32_t)(reason)&0xFFFFu)))
 /* Module byte of an area: 0xFF minus its instance id; 0x00 for the dispatcher and helpers. */
 #define QMTNM_MODULE(id) (0xFFu - (uint32_t)(id))
 #define QMTNM_MODULE_CORE 0x00u
 #define QMTNM_ERR_MODULE(code) (((uint32_t)(code) >> 16) & 0xFFu)
-#define QMTNM_ERR_REASON(code) ((int32_t)(int16_t)((uint32_t)(code) & 0xFFFFu))
+#define QMTNM_ERR_REASON(code) ((int32_t)(int16_t)((uint32_t)(code)&0xFFFFu))
 
 #define QMTNM_MOD_BR 0xFFu
 #define QMTNM_MOD_ETHTYPE 0xFEu
@@ -80,13 +80,13 @@ enum qmtnm_instance_id {
 #define QMTNM_MOD_APPIN 0xEDu
 
 enum qmtnm_reason {
-    QMTNM_R_FAIL = -1,    /* general failure of an operation */
-    QMTNM_R_STORE = -2,   /* settings store read or write failed, hardware-store write failed */
-    QMTNM_R_IO = -3,      /* a file could not be opened, or a command or query failed */
-    QMTNM_R_NOMEM = -4,   /* allocation failed; in the dispatcher: no instance for the id */
-    QMTNM_R_TIME = -5,    /* the current time could not be read */
-    QMTNM_R_BUSY = -6,    /* the instance's semaphore could not be taken in time */
-    QMTNM_R_INVALID = -7  /* the caller's record failed validation */
+    QMTNM_R_FAIL = -1,   /* general failure of an operation */
+    QMTNM_R_STORE = -2,  /* settings store read or write failed, hardware-store write failed */
+    QMTNM_R_IO = -3,     /* a file could not be opened, or a command or query failed */
+    QMTNM_R_NOMEM = -4,  /* allocation failed; in the dispatcher: no instance for the id */
+    QMTNM_R_TIME = -5,   /* the current time could not be read */
+    QMTNM_R_BUSY = -6,   /* the instance's semaphore could not be taken in time */
+    QMTNM_R_INVALID = -7 /* the caller's record failed validation */
 };
 
 /* ---- instance record ------------------------------------------------------------------ */

@@ -37,8 +37,8 @@ class connection {
     ~connection() { close(); }
 
     bool open(const char *path) {
-        if (sqlite3_open_v2(path, &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE |
-                                            SQLITE_OPEN_NOMUTEX,
+        if (sqlite3_open_v2(path, &db_,
+                            SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
                             nullptr) != SQLITE_OK) {
             close();
             return false;
@@ -371,8 +371,8 @@ int parse(bool write, const char *domain, const char *format, va_list ap, reques
     // A value sits at least at domain/section/key; a list count at domain/section/list.
     if (rq.action == op::none || rq.path.parts() < 3)
         return QMT_CONF_EFORMAT;
-    if (rq.out == nullptr && (rq.action == op::get_int || rq.action == op::get_str ||
-                              rq.action == op::count))
+    if (rq.out == nullptr &&
+        (rq.action == op::get_int || rq.action == op::get_str || rq.action == op::count))
         return QMT_CONF_EFORMAT;
     return 0;
 }
@@ -426,7 +426,9 @@ int qmt_conf_printf(const char *domain, const char *format, ...) {
     return r;
 }
 
-const char *sysconf_db_path(void) { return configured_path(); }
+const char *sysconf_db_path(void) {
+    return configured_path();
+}
 
 } // extern "C"
 

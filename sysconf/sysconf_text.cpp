@@ -25,11 +25,20 @@ void quote(const char *s, std::string &out) {
     out += '"';
     for (; *s; ++s) {
         switch (*s) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\t': out += "\\t"; break;
-        default: out += *s;
+        case '"':
+            out += "\\\"";
+            break;
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        default:
+            out += *s;
         }
     }
     out += '"';
@@ -51,11 +60,20 @@ bool parse_value(std::string_view text, entry &e) {
                 if (++i == body.size())
                     return false;
                 switch (body[i]) {
-                case 'n': ch = '\n'; break;
-                case 't': ch = '\t'; break;
-                case '"': ch = '"'; break;
-                case '\\': ch = '\\'; break;
-                default: return false;
+                case 'n':
+                    ch = '\n';
+                    break;
+                case 't':
+                    ch = '\t';
+                    break;
+                case '"':
+                    ch = '"';
+                    break;
+                case '\\':
+                    ch = '\\';
+                    break;
+                default:
+                    return false;
                 }
             }
             e.sval += ch;
@@ -78,8 +96,8 @@ bool parse_value(std::string_view text, entry &e) {
 std::string_view trim(std::string_view s) {
     while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
         s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t' || s.back() == '\n' ||
-                          s.back() == '\r'))
+    while (!s.empty() &&
+           (s.back() == ' ' || s.back() == '\t' || s.back() == '\n' || s.back() == '\r'))
         s.remove_suffix(1);
     return s;
 }
@@ -117,11 +135,12 @@ int run_load(sqlite3 *db, void *ctx) {
     if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
         return QMT_CONF_ESTORE;
     int r = 0;
-    if (job->replace && sqlite3_exec(db, "DELETE FROM conf", nullptr, nullptr, nullptr) != SQLITE_OK)
+    if (job->replace &&
+        sqlite3_exec(db, "DELETE FROM conf", nullptr, nullptr, nullptr) != SQLITE_OK)
         r = QMT_CONF_ESTORE;
     sqlite3_stmt *s = nullptr;
     if (r == 0 && sqlite3_prepare_v2(db, "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)",
-                                      -1, &s, nullptr) != SQLITE_OK)
+                                     -1, &s, nullptr) != SQLITE_OK)
         r = QMT_CONF_ESTORE;
     for (size_t i = 0; r == 0 && i < job->entries->size(); ++i)
         r = bind_entry(s, (*job->entries)[i]);
@@ -147,8 +166,9 @@ void append_value(sqlite3_stmt *s, int col, std::string &line) {
 int run_dump(sqlite3 *db, void *ctx) {
     auto *job = static_cast<dump_job *>(ctx);
     sqlite3_stmt *s = nullptr;
-    if (sqlite3_prepare_v2(db, "SELECT path, value FROM conf WHERE substr(path,1,length(?1))=?1 "
-                               "ORDER BY path",
+    if (sqlite3_prepare_v2(db,
+                           "SELECT path, value FROM conf WHERE substr(path,1,length(?1))=?1 "
+                           "ORDER BY path",
                            -1, &s, nullptr) != SQLITE_OK)
         return QMT_CONF_ESTORE;
     sqlite3_bind_text(s, 1, job->prefix ? job->prefix : "", -1, SQLITE_STATIC);

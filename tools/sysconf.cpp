@@ -21,11 +21,16 @@ int usage() {
 
 const char *describe(int r) {
     switch (r) {
-    case QMT_CONF_ENOENT: return "no such value";
-    case QMT_CONF_EFORMAT: return "bad path or value";
-    case QMT_CONF_ESTORE: return "settings store unavailable";
-    case QMT_CONF_ETYPE: return "value of another type";
-    default: return "failed";
+    case QMT_CONF_ENOENT:
+        return "no such value";
+    case QMT_CONF_EFORMAT:
+        return "bad path or value";
+    case QMT_CONF_ESTORE:
+        return "settings store unavailable";
+    case QMT_CONF_ETYPE:
+        return "value of another type";
+    default:
+        return "failed";
     }
 }
 
@@ -40,8 +45,11 @@ int set_string(const char *path, const char *text) {
     size_t n = 0;
     quoted[n++] = '"';
     for (const char *p = text; *p && n + 3 < sizeof quoted; ++p) {
-        const char *esc = *p == '"' ? "\\\"" : *p == '\\' ? "\\\\" : *p == '\n' ? "\\n"
-                        : *p == '\t' ? "\\t" : nullptr;
+        const char *esc = *p == '"'    ? "\\\""
+                          : *p == '\\' ? "\\\\"
+                          : *p == '\n' ? "\\n"
+                          : *p == '\t' ? "\\t"
+                                       : nullptr;
         if (esc) {
             quoted[n++] = esc[0];
             quoted[n++] = esc[1];

@@ -1,0 +1,40 @@
+// The areas the qmtnm tool knows: one entry per area, describing its settings record field by
+// field, so that adding an area to the tool is adding one entry.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace cli {
+
+enum class ftype : uint8_t {
+    i32,  // int32_t, decimal
+    u32,  // uint32_t, decimal
+    ipv4, // struct in_addr, dotted quad
+    str,  // char[size], NUL-terminated
+};
+
+struct field {
+    const char *name;
+    ftype type;
+    uint16_t offset;
+    uint16_t size; // bytes of the member (capacity for str)
+};
+
+struct area {
+    const char *name;     // short name: "qos"
+    const char *instance; // instance name: "qos_lcl"
+    uint32_t id;
+    size_t record_size;
+    const field *fields;
+    size_t field_count;
+};
+
+// The area called name (short or instance name), or null.
+const area *find_area(const char *name);
+const area *areas_begin();
+const area *areas_end();
+// Short name of the area whose instance id is id, or null.
+const char *area_name_by_id(uint32_t id);
+
+} // namespace cli

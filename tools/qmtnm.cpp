@@ -1,0 +1,289 @@
+// qmtnm: get and set the appliance's network settings from the shell.
+//
+//   qmtnm [-v] [--json] get AREA
+//   qmtnm [-v] [--host] set AREA field=value ...
+//   qmtnm areas
+#include "areas.h"
+
+#include "qmtnm.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <syslog.h>
+
+namespace {
+
+using cli::area;
+using cli::field;
+using cli::ftype;
+
+struct options {
+    bool json = false;
+    bool verbose = false;
+    bool host = false;
+};
+
+int usage() {
+    fputs("usage: qmtnm [options] get AREA\n"
+          "       qmtnm [options] set AREA field=value ...\n"
+          "       qmtnm areas\n"
+          "options:\n"
+          "  --json          print settings as JSON\n"
+          "  -v, --verbose   echo the library's log lines to stderr\n"
+          "  --log-level N   the library's log threshold (0 errors, 1 info, 2 traces)\n"
+          "  --host          allow 'set' to change this machine (outside the emulated device)\n"
+          "AREA is a short name (qos) or an instance name (qos_lcl). 'set' starts from the\n"
+          "stored settings and changes the fields given.\n",
+          stderr);
+    return 2;
+}
+
+const char *reason_text(int32_t reason) {
+    switch (reason) {
+    case QMTNM_R_FAIL:
+        return "operation failed";
+    case QMTNM_R_STORE:
+        return "settings store read or write failed";
+    case QMTNM_R_IO:
+        return "file, command or query failed";
+    case QMTNM_R_NOMEM:
+        return "out of memory or no such instance";
+    case QMTNM_R_TIME:
+        return "clock could not be read";
+    case QMTNM_R_BUSY:
+        return "resource busy";
+    case QMTNM_R_INVALID:
+        return "invalid input";
+    default:
+        return "unknown error";
+    }
+}
+
+int report(const char *who, int32_t code) {
+    fprintf(stderr, "%s: %s (0x%08X)\n", who, reason_text(QMTNM_ERR_REASON(code)),
+            static_cast<unsigned>(code));
+    return 1;
+}
+
+template <class T> T *member(void *record, const field &f) {
+    return reinterpret_cast<T *>(static_cast<char *>(record) + f.offset);
+}
+
+// Appends s as a JSON string literal.
+void json_string(const char *s) {
+    putchar('"');
+    for (; *s; ++s) {
+        unsigned char c = static_cast<unsigned char>(*s);
+        if (c == '"' || c == '\\')
+            printf("\\%c", c);
+        else if (c < 0x20)
+            printf("\\u%04x", c);
+        else
+            putchar(c);
+    }
+    putchar('"');
+}
+
+void print_value(void *record, const field &f, bool json) {
+    switch (f.type) {
+    case ftype::i32:
+        printf("%d", *member<int32_t>(record, f));
+        break;
+    case ftype::u32:
+        printf("%u", *member<uint32_t>(record, f));
+        break;
+    case ftype::ipv4: {
+        char text[INET_ADDRSTRLEN];
+        inet_ntop(AF_INET, member<in_addr>(record, f), text, sizeof text);
+        json ? json_string(text) : (void)fputs(text, stdout);
+        break;
+    }
+    case ftype::str: {
+        // Never read past the member, even if the record is not terminated.
+        char text[1024];
+        size_t n = strnlen(member<char>(record, f), f.size);
+        snprintf(text, sizeof text, "%.*s", static_cast<int>(n), member<char>(record, f));
+        json ? json_string(text) : (void)fputs(text, stdout);
+        break;
+    }
+    }
+}
+
+void print_record(const area &a, void *record, bool json) {
+    if (json) {
+        printf("{\"area\":\"%s\",\"instance\":\"%s\"", a.name, a.instance);
+        for (size_t i = 0; i < a.field_count; ++i) {
+            printf(",\"%s\":", a.fields[i].name);
+            print_value(record, a.fields[i], true);
+        }
+        puts("}");
+        return;
+    }
+    printf("%s (%s)\n", a.name, a.instance);
+    for (size_t i = 0; i < a.field_count; ++i) {
+        printf("  %-14s = ", a.fields[i].name);
+        print_value(record, a.fields[i], false);
+        putchar('\n');
+    }
+}
+
+// Parses text into the field; false with a message on stderr if it does not fit.
+bool parse_value(void *record, const field &f, const char *text) {
+    char *end = nullptr;
+    errno = 0;
+    switch (f.type) {
+    case ftype::i32: {
+        long long v = strtoll(text, &end, 0);
+        if (*text && !*end && !errno && v >= INT32_MIN && v <= INT32_MAX) {
+            *member<int32_t>(record, f) = static_cast<int32_t>(v);
+            return true;
+        }
+        break;
+    }
+    case ftype::u32: {
+        unsigned long long v = strtoull(text, &end, 0);
+        if (*text && *text != '-' && !*end && !errno && v <= UINT32_MAX) {
+            *member<uint32_t>(record, f) = static_cast<uint32_t>(v);
+            return true;
+        }
+        break;
+    }
+    case ftype::ipv4:
+        if (inet_pton(AF_INET, text, member<in_addr>(record, f)) == 1)
+            return true;
+        break;
+    case ftype::str:
+        if (strlen(text) < f.size) {
+            memset(member<char>(record, f), 0, f.size);
+            memcpy(member<char>(record, f), text, strlen(text));
+            return true;
+        }
+        fprintf(stderr, "qmtnm: %s: at most %u characters\n", f.name, f.size - 1u);
+        return false;
+    }
+    fprintf(stderr, "qmtnm: %s: '%s' is not a valid value\n", f.name, text);
+    return false;
+}
+
+const field *find_field(const area &a, const char *name, size_t len) {
+    for (size_t i = 0; i < a.field_count; ++i)
+        if (strlen(a.fields[i].name) == len && !strncmp(a.fields[i].name, name, len))
+            return &a.fields[i];
+    return nullptr;
+}
+
+using record_ptr = std::unique_ptr<void, decltype(&free)>;
+
+record_ptr new_record(const area &a) {
+    return record_ptr(calloc(1, a.record_size), &free);
+}
+
+int cmd_get(const area &a, const options &opt) {
+    record_ptr rec = new_record(a);
+    int32_t r = qmtnm_lcl_get(a.id, rec.get(), 0);
+    if (r < 0)
+        return report(a.name, r);
+    print_record(a, rec.get(), opt.json);
+    return 0;
+}
+
+int cmd_set(const area &a, int argc, char **argv, const options &opt) {
+    if (!opt.host && !getenv("QMTNM_DEVICE")) {
+        fputs("qmtnm: refusing to change this machine's network settings outside the emulated "
+              "device;\n       run it through sim/device, or pass --host to really do it here\n",
+              stderr);
+        return 1;
+    }
+    record_ptr rec = new_record(a);
+    int32_t r = qmtnm_lcl_get(a.id, rec.get(), 0);
+    bool need_all = r < 0;
+    if (need_all) {
+        report(a.name, r);
+        fprintf(stderr, "qmtnm: stored settings unreadable; give every field of %s\n", a.name);
+        memset(rec.get(), 0, a.record_size);
+    }
+    size_t given = 0;
+    for (int i = 0; i < argc; ++i) {
+        const char *eq = strchr(argv[i], '=');
+        const field *f = eq ? find_field(a, argv[i], static_cast<size_t>(eq - argv[i])) : nullptr;
+        if (f == nullptr) {
+            fprintf(stderr, "qmtnm: %s: expected field=value with a field of %s\n", argv[i],
+                    a.name);
+            return 2;
+        }
+        if (!parse_value(rec.get(), *f, eq + 1))
+            return 2;
+        ++given;
+    }
+    if (need_all && given < a.field_count)
+        return 1;
+    r = qmtnm_lcl_set(a.id, rec.get(), 0);
+    if (r < 0)
+        return report(a.name, r);
+    return cmd_get(a, opt);
+}
+
+int cmd_areas() {
+    for (const area *a = cli::areas_begin(); a != cli::areas_end(); ++a) {
+        printf("%-10s %-14s id %2u:", a->name, a->instance, a->id);
+        for (size_t i = 0; i < a->field_count; ++i)
+            printf(" %s", a->fields[i].name);
+        putchar('\n');
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    options opt;
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; ++i) {
+        if (!strcmp(argv[i], "--json"))
+            opt.json = true;
+        else if (!strcmp(argv[i], "-v") || !strcmp(argv[i], "--verbose"))
+            opt.verbose = true;
+        else if (!strcmp(argv[i], "--host"))
+            opt.host = true;
+        else if (!strcmp(argv[i], "--log-level") && i + 1 < argc)
+            nm_log_level = atoi(argv[++i]);
+        else
+            return usage();
+    }
+    if (i >= argc)
+        return usage();
+    const char *cmd = argv[i++];
+    if (!strcmp(cmd, "areas"))
+        return cmd_areas();
+    if (i >= argc)
+        return usage();
+    const area *a = cli::find_area(argv[i++]);
+    if (a == nullptr) {
+        fprintf(stderr, "qmtnm: unknown area '%s' (see 'qmtnm areas')\n", argv[i - 1]);
+        return 2;
+    }
+    // Options may also follow the area: "qmtnm get qos --json".
+    int rest = i;
+    for (int j = i; j < argc; ++j) {
+        if (!strcmp(argv[j], "--json"))
+            opt.json = true;
+        else if (!strcmp(argv[j], "-v") || !strcmp(argv[j], "--verbose"))
+            opt.verbose = true;
+        else if (!strcmp(argv[j], "--host"))
+            opt.host = true;
+        else
+            argv[rest++] = argv[j];
+    }
+    if (opt.verbose) // same ident and facility as the library, plus a copy on stderr
+        openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
+    if (!strcmp(cmd, "get") && rest == i)
+        return cmd_get(*a, opt);
+    if (!strcmp(cmd, "set") && rest > i)
+        return cmd_set(*a, rest - i, argv + i, opt);
+    return usage();
+}
