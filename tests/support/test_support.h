@@ -1,0 +1,76 @@
+// Shared test support: what the library logged (read from a /dev/log socket of our own),
+// the commands it ran (system() recorder), the activate flag, the settings store, and child
+// processes that hold a lock.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace nmtest {
+
+// ---- syslog ----
+struct log_line {
+    int priority;     // facility | severity, as sent
+    std::string text; // the message after "libqmtnm[pid]: ", trailing newline removed
+};
+
+// Binds /dev/log (the test runs in a private mount namespace with /dev an overlay) and keeps
+// every datagram the library sends there.
+class syslog_capture {
+  public:
+    syslog_capture();
+    ~syslog_capture();
+    // Every line received since the last clear(), waiting briefly for stragglers.
+    std::vector<log_line> lines();
+    std::vector<std::string> texts();
+    bool contains(const std::string &text);
+    void clear();
+
+  private:
+    void drain(int wait_ms);
+    int fd_ = -1;
+    std::vector<log_line> lines_;
+};
+syslog_capture &logs();
+
+// "%-20s--> " + text, as the library prefixes every line.
+std::string logged(const char *func, const std::string &text);
+
+// ---- commands run through system() ----
+std::vector<std::string> commands();
+void clear_commands();
+// When false, commands are recorded but not run.
+void run_commands(bool run);
+
+// ---- activate flag in /dev/shm/lcl_activate ----
+uint32_t activate_flag();
+void set_activate_flag(uint32_t value);
+
+// ---- settings store ----
+// Empties the store and loads the shipped factory settings.
+void load_defaults();
+// Runs one SQL statement on the store's database file through the sqlite3 shell.
+void store_sql(const std::string &sql);
+
+// ---- processes ----
+// A child that takes the named semaphore and holds it until destroyed.
+class sem_holder {
+  public:
+    explicit sem_holder(const char *name);
+    ~sem_holder();
+    sem_holder(const sem_holder &) = delete;
+    sem_holder &operator=(const sem_holder &) = delete;
+
+  private:
+    int pid_ = -1;
+    int release_fd_ = -1;
+};
+
+// Runs a shell command, returns its standard output.
+std::string sh(const std::string &cmd);
+
+// Milliseconds of a monotonic clock.
+int64_t now_ms();
+
+} // namespace nmtest
