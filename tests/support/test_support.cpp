@@ -144,8 +144,15 @@ void load_defaults() {
 }
 
 void store_sql(const std::string &sql) {
-    std::string cmd = std::string("sqlite3 ") + sysconf_db_path() + " \"" + sql + "\"";
-    ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+    // Through popen, so that the system() recorder sees only the library's commands.
+    std::string cmd = std::string("sqlite3 ") + sysconf_db_path() + " \"" + sql + "\" 2>&1";
+    FILE *p = popen(cmd.c_str(), "r");
+    ASSERT_NE(p, nullptr);
+    char buf[256];
+    std::string out;
+    while (fgets(buf, sizeof buf, p))
+        out += buf;
+    ASSERT_EQ(pclose(p), 0) << cmd << ": " << out;
 }
 
 // ---- processes ----
