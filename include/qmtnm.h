@@ -119,6 +119,8 @@ struct lcl_instance {
 };
 QMTNM_STATIC_ASSERT(sizeof(void *) != 4 || sizeof(lcl_instance) == 52,
                     "lcl_instance is thirteen 32-bit words on the target");
+QMTNM_STATIC_ASSERT(sizeof(void *) != 8 || sizeof(lcl_instance) == 96,
+                    "lcl_instance keeps its layout on 64-bit hosts");
 
 /* ---- settings records ----------------------------------------------------------------- */
 /* Zero a record before filling it: the compare step compares whole records byte by byte. */

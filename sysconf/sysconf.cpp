@@ -17,7 +17,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
-#include <unistd.h>
+#include <pthread.h>
 
 #ifndef SYSCONF_DEFAULT_DB
 #define SYSCONF_DEFAULT_DB "/var/conf/sysconf.db"
@@ -96,18 +96,24 @@ class connection {
 };
 
 // The process's connection. After fork() the child must not touch its parent's connection
-// (SQLite's locks belong to the parent's process), so the old one is abandoned, not closed.
+// (SQLite's locks belong to the parent's process) nor its mutex (another thread may have held
+// it at the fork), so the child starts from a fresh state and abandons the inherited one.
 struct process_store {
     std::mutex lock;
     connection *conn = nullptr;
-    pid_t owner = 0;
     std::string path;
 };
 
+process_store *state = nullptr;
+
+void reset_in_child() { state = new process_store; }
+
 process_store *store_state() {
-    static process_store *state = new process_store;
-    if (state->owner != 0 && state->owner != getpid())
-        state = new process_store; // the parent's state, mutex included, stays untouched
+    static bool registered = [] {
+        state = new process_store;
+        return pthread_atfork(nullptr, nullptr, reset_in_child) == 0;
+    }();
+    (void)registered;
     return state;
 }
 
@@ -128,7 +134,6 @@ template <class Fn> int with_store(Fn fn) {
             return QMT_CONF_ESTORE;
         }
         st->conn = c;
-        st->owner = getpid();
     }
     return fn(*st->conn);
 }
