@@ -106,7 +106,9 @@ struct process_store {
 
 process_store *state = nullptr;
 
-void reset_in_child() { state = new process_store; }
+void reset_in_child() {
+    state = new process_store;
+}
 
 process_store *store_state() {
     static bool registered = [] {
