@@ -333,6 +333,22 @@ TEST_F(ScriptedInstance, AbsentOperationsAreSkipped) {
     EXPECT_EQ(sem_value(wanflash_lcl.get_sem), 1);
 }
 
+TEST_F(ScriptedInstance, ArgumentsReachTheOperationsUnchanged) {
+    // The second argument is a full machine word: a pointer passes through unharmed.
+    int record = 0;
+    double other = 0;
+    const auto word = reinterpret_cast<uintptr_t>(&other);
+    seen.clear();
+    ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_WANFLASH, &record, word), 0);
+    ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_WANFLASH, &record, ~word), 0);
+    ASSERT_EQ(seen.size(), 3u);
+    for (size_t k = 0; k < seen.size(); ++k) {
+        EXPECT_EQ(seen[k].inst, &wanflash_lcl);
+        EXPECT_EQ(seen[k].arg1, &record);
+        EXPECT_EQ(seen[k].arg2, k < 2 ? word : ~word);
+    }
+}
+
 TEST_F(ScriptedInstance, GetReturnsItsOperationsResultAndPassesArguments) {
     script_.get = QMTNM_ERR(QMTNM_MOD_WANFLASH, -2);
     int record = 0;
