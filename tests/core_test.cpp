@@ -166,7 +166,15 @@ int32_t rec(const char *name, lcl_instance *inst, int32_t result) {
         current->lock_held_in_ops = false;
     return result;
 }
-int32_t op_check(lcl_instance *i, void *, uintptr_t) {
+struct seen_args {
+    lcl_instance *inst;
+    void *arg1;
+    uintptr_t arg2;
+};
+std::vector<seen_args> seen;
+
+int32_t op_check(lcl_instance *i, void *arg1, uintptr_t arg2) {
+    seen.push_back({i, arg1, arg2});
     return rec("check", i, current->check);
 }
 int32_t op_nochange(lcl_instance *i, void *, uintptr_t, int32_t *changed) {
@@ -181,13 +189,15 @@ int32_t op_activate(lcl_instance *i, void *, uintptr_t, uint32_t *flag) {
 int32_t op_pre_set(lcl_instance *i, void *, uintptr_t) {
     return rec("pre_set", i, current->pre_set);
 }
-int32_t op_set(lcl_instance *i, void *, uintptr_t) {
+int32_t op_set(lcl_instance *i, void *arg1, uintptr_t arg2) {
+    seen.push_back({i, arg1, arg2});
     return rec("set", i, current->set);
 }
 int32_t op_flush(lcl_instance *i, void *, uintptr_t) {
     return rec("flush", i, current->flush);
 }
-int32_t op_get(lcl_instance *i, void *, uintptr_t) {
+int32_t op_get(lcl_instance *i, void *arg1, uintptr_t arg2) {
+    seen.push_back({i, arg1, arg2});
     return rec("get", i, current->get);
 }
 
