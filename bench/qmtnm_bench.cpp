@@ -1,0 +1,413 @@
+// Latency of the library's calls on the QoS area, of the settings store beneath them, and of
+// the bare SQL the store executes on a prepared connection (the floor), in one process and in
+// several at once.
+//
+// The store holds QoS {enable 1, dscp 46} throughout, and every set passes that same record, so
+// a set stops at the compare ("config is up-to-date") and never reaches iptables. system() is
+// defined here, counts the commands the library would run and runs none: a benchmark whose
+// calls ran any command fails.
+//
+// The library is loaded with dlopen() after the namespace check, because its start-up creates
+// semaphores and the activate flag in /dev/shm.
+#include "bench_env.h"
+
+#include "qmt_conf.h"
+#include "qmtnm.h"
+
+#include <sqlite3.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+std::atomic<long> commands{0};
+
+} // namespace
+
+extern "C" int system(const char *) {
+    commands.fetch_add(1);
+    return -1;
+}
+
+namespace {
+
+constexpr int32_t kEnable = 1;
+constexpr int32_t kDscp = 46;
+constexpr const char *kEnablePath = "network/network_qos/enable";
+constexpr const char *kDscpPath = "network/network_qos/dscp";
+const int32_t kInvalid = QMTNM_ERR(QMTNM_MOD_QOS, QMTNM_R_INVALID);
+
+// ---- the library, resolved at run time ---------------------------------------------------
+
+using lcl_call = int32_t (*)(uint32_t, void *, uintptr_t);
+lcl_call lcl_set = nullptr;
+lcl_call lcl_get = nullptr;
+int32_t *log_level = nullptr;
+
+void load_library() {
+    void *h = dlopen(QMTNM_LIBRARY, RTLD_NOW | RTLD_GLOBAL);
+    if (h == nullptr) {
+        fprintf(stderr, "benchmark: %s\n", dlerror());
+        exit(2);
+    }
+    lcl_set = reinterpret_cast<lcl_call>(dlsym(h, "qmtnm_lcl_set"));
+    lcl_get = reinterpret_cast<lcl_call>(dlsym(h, "qmtnm_lcl_get"));
+    log_level = static_cast<int32_t *>(dlsym(h, "nm_log_level"));
+    if (lcl_set == nullptr || lcl_get == nullptr || log_level == nullptr) {
+        fprintf(stderr, "benchmark: libqmtnm lacks its exported calls\n");
+        exit(2);
+    }
+}
+
+// Stores QoS {1, 46} and checks that the library reads it back.
+void seed_store() {
+    if (qmt_conf_printf("network", "%k%k%d", "network_qos", "enable", kEnable) < 0 ||
+        qmt_conf_printf("network", "%k%k%d", "network_qos", "dscp", kDscp) < 0) {
+        fprintf(stderr, "benchmark: cannot write the store %s\n", sysconf_db_path());
+        exit(2);
+    }
+    qmtnm_qos_cfg got = {};
+    if (lcl_get(QMTNM_ID_QOS, &got, 0) != 0 || got.enable != kEnable || got.dscp != kDscp) {
+        fprintf(stderr, "benchmark: the library does not read back the seeded QoS record\n");
+        exit(2);
+    }
+}
+
+// Fails the benchmark when its calls made the library run a command.
+void check_no_command(benchmark::State &st, long before) {
+    if (commands.load() != before)
+        st.SkipWithError("the library ran a command: the set was not up to date");
+}
+
+// ---- the library's calls -------------------------------------------------------------------
+
+void BM_lcl_get_qos(benchmark::State &st) {
+    long before = commands.load();
+    for (auto _ : st) {
+        qmtnm_qos_cfg c = {};
+        int32_t r = lcl_get(QMTNM_ID_QOS, &c, 0);
+        if (r != 0 || c.enable != kEnable || c.dscp != kDscp) {
+            st.SkipWithError("qmtnm_lcl_get(qos) failed");
+            break;
+        }
+        benchmark::DoNotOptimize(c);
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_get_qos);
+
+// Argument: nm_log_level during the run (1 is the default and logs "config is up-to-date").
+void BM_lcl_set_qos_uptodate(benchmark::State &st) {
+    int32_t saved = *log_level;
+    *log_level = static_cast<int32_t>(st.range(0));
+    long before = commands.load();
+    for (auto _ : st) {
+        qmtnm_qos_cfg c = {kEnable, kDscp};
+        if (lcl_set(QMTNM_ID_QOS, &c, 0) != 0) {
+            st.SkipWithError("qmtnm_lcl_set(qos) failed");
+            break;
+        }
+    }
+    check_no_command(st, before);
+    *log_level = saved;
+}
+BENCHMARK(BM_lcl_set_qos_uptodate)->Arg(1)->Arg(0);
+
+// enable = 2: rejected by the check, before any lock, with one error line in the log.
+void BM_lcl_set_qos_check_fail(benchmark::State &st) {
+    long before = commands.load();
+    for (auto _ : st) {
+        qmtnm_qos_cfg c = {2, kDscp};
+        if (lcl_set(QMTNM_ID_QOS, &c, 0) != kInvalid) {
+            st.SkipWithError("qmtnm_lcl_set(qos {2, 46}) did not fail its check");
+            break;
+        }
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_set_qos_check_fail);
+
+// ---- the store --------------------------------------------------------------------------------
+
+void BM_store_read(benchmark::State &st) {
+    for (auto _ : st) {
+        int v = -1;
+        if (qmt_conf_scanf("network", "%k%k%d", "network_qos", "enable", &v) < 0 || v != kEnable) {
+            st.SkipWithError("qmt_conf_scanf failed");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_store_read);
+
+// Writes the value already stored (one durable transaction each time).
+void BM_store_write(benchmark::State &st) {
+    for (auto _ : st) {
+        if (qmt_conf_printf("network", "%k%k%d", "network_qos", "enable", kEnable) < 0) {
+            st.SkipWithError("qmt_conf_printf failed");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_store_write);
+
+// ---- the floor: the store's SQL on a connection of our own, prepared once --------------------
+
+struct sql_conn {
+    sqlite3 *db = nullptr;
+    sqlite3_stmt *select = nullptr;
+    sqlite3_stmt *insert = nullptr;
+
+    // Same file, same pragmas and same statements as the store.
+    bool open(const char *path) {
+        if (sqlite3_open_v2(path, &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) !=
+            SQLITE_OK)
+            return false;
+        sqlite3_busy_timeout(db, 10000);
+        return sqlite3_exec(db, "PRAGMA journal_mode=WAL; PRAGMA synchronous=FULL;", nullptr,
+                            nullptr, nullptr) == SQLITE_OK &&
+               sqlite3_prepare_v3(db, "SELECT value FROM conf WHERE path=?1", -1,
+                                  SQLITE_PREPARE_PERSISTENT, &select, nullptr) == SQLITE_OK &&
+               sqlite3_prepare_v3(db, "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)", -1,
+                                  SQLITE_PREPARE_PERSISTENT, &insert, nullptr) == SQLITE_OK;
+    }
+    ~sql_conn() {
+        sqlite3_finalize(select);
+        sqlite3_finalize(insert);
+        sqlite3_close_v2(db);
+    }
+    // One integer read; -1 on failure.
+    int read(const char *path) {
+        sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);
+        int v = sqlite3_step(select) == SQLITE_ROW ? sqlite3_column_int(select, 0) : -1;
+        sqlite3_reset(select);
+        return v;
+    }
+    bool write(const char *path, int v) {
+        sqlite3_bind_text(insert, 1, path, -1, SQLITE_STATIC);
+        sqlite3_bind_int(insert, 2, v);
+        bool ok = sqlite3_step(insert) == SQLITE_DONE;
+        sqlite3_reset(insert);
+        return ok;
+    }
+};
+
+// Argument: statements per iteration; 1 as in one store read, 2 (enable and dscp) as in a get
+// or an up-to-date set of QoS.
+void BM_sql_select(benchmark::State &st) {
+    sql_conn c;
+    if (!c.open(sysconf_db_path())) {
+        st.SkipWithError("cannot open the store's database");
+        return;
+    }
+    bool both = st.range(0) == 2;
+    for (auto _ : st) {
+        if (c.read(kEnablePath) != kEnable || (both && c.read(kDscpPath) != kDscp)) {
+            st.SkipWithError("SELECT failed");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_sql_select)->Arg(1)->Arg(2);
+
+void BM_sql_insert(benchmark::State &st) {
+    sql_conn c;
+    if (!c.open(sysconf_db_path())) {
+        st.SkipWithError("cannot open the store's database");
+        return;
+    }
+    for (auto _ : st) {
+        if (!c.write(kEnablePath, kEnable)) {
+            st.SkipWithError("INSERT failed");
+            break;
+        }
+    }
+}
+BENCHMARK(BM_sql_insert);
+
+// ---- several processes at once -------------------------------------------------------------
+
+// What each process does in a round: `pairs` times one get and one set of its instance.
+//   0 qos: every process on qos_lcl (id 11): both semaphores of one area, two store reads per
+//     call, the set up to date.
+//   1 one pending area: every process on wanflash_lcl (id 12), whose area has no operations yet:
+//     the same lock traffic on one area, no store access.
+//   2 own pending areas: process i on its own instance of ids 12, 13, 14, 17 (no operations):
+//     the lock traffic with nothing shared.
+//   3 floor: no library; each process runs the two SELECTs of a QoS call, twice per pair, on a
+//     prepared connection of its own.
+enum workload { qos = 0, one_pending = 1, own_pending = 2, sql_floor = 3 };
+constexpr uint32_t kPendingIds[] = {QMTNM_ID_WANFLASH, QMTNM_ID_DOSCAN, QMTNM_ID_SCANRESULT,
+                                    QMTNM_ID_STAPIN};
+constexpr int kMaxProcs = 4;
+
+// Rounds of some tens of milliseconds, so that waking the processes is lost in the noise.
+int pairs_for(workload w) {
+    return w == qos || w == sql_floor ? 1000 : 20000;
+}
+
+struct shared_round {
+    int64_t start_ns[kMaxProcs];
+    int64_t end_ns[kMaxProcs];
+    int32_t failures[kMaxProcs];
+    int32_t commands[kMaxProcs];
+};
+
+// One process's share of a round.
+class worker {
+  public:
+    worker(workload w, int proc) : w_(w) {
+        switch (w) {
+        case qos:
+            id_ = QMTNM_ID_QOS;
+            break;
+        case one_pending:
+            id_ = QMTNM_ID_WANFLASH;
+            break;
+        case own_pending:
+            id_ = kPendingIds[proc];
+            break;
+        case sql_floor:
+            if (!sql_.open(sysconf_db_path()))
+                ++failures_;
+            break;
+        }
+    }
+    void run(int pairs) {
+        for (int i = 0; i < pairs; ++i) {
+            if (w_ == sql_floor) {
+                for (int k = 0; k < 2; ++k) {
+                    if (sql_.read(kEnablePath) != kEnable || sql_.read(kDscpPath) != kDscp)
+                        ++failures_;
+                }
+                continue;
+            }
+            qmtnm_qos_cfg c = {};
+            if (lcl_get(id_, &c, 0) != 0)
+                ++failures_;
+            if (id_ == QMTNM_ID_QOS && (c.enable != kEnable || c.dscp != kDscp))
+                ++failures_;
+            c = {kEnable, kDscp};
+            if (lcl_set(id_, &c, 0) != 0)
+                ++failures_;
+        }
+    }
+    int failures() const { return failures_; }
+
+  private:
+    workload w_;
+    uint32_t id_ = 0;
+    sql_conn sql_;
+    int failures_ = 0;
+};
+
+// Arguments: workload, number of processes. The time of a round runs from the moment all
+// processes are released until the last one is done; each has then made 2 * pairs calls.
+// Counters: call_ns, the time of one call as a process sees it (its own start to end, over its
+// calls, averaged over the processes); calls_per_s, the calls of all processes per second of
+// the rounds' time.
+void BM_contention(benchmark::State &st) {
+    auto w = static_cast<workload>(st.range(0));
+    int procs = static_cast<int>(st.range(1));
+    const int pairs = pairs_for(w);
+    void *mem = mmap(nullptr, sizeof(shared_round), PROT_READ | PROT_WRITE,
+                     MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (mem == MAP_FAILED) {
+        st.SkipWithError("mmap failed");
+        return;
+    }
+    auto *round = static_cast<shared_round *>(mem);
+    double total_s = 0;
+    double proc_s = 0; // sum over rounds and processes of each process's own time
+    long rounds = 0;
+    for (auto _ : st) {
+        memset(round, 0, sizeof *round);
+        int ready[2], go[2];
+        if (pipe(ready) != 0 || pipe(go) != 0) {
+            st.SkipWithError("pipe failed");
+            break;
+        }
+        std::vector<pid_t> kids;
+        for (int p = 0; p < procs; ++p) {
+            pid_t pid = fork();
+            if (pid == 0) {
+                close(ready[0]);
+                close(go[1]);
+                long before = commands.load();
+                worker wk(w, p);
+                // Warm up: the store opens this process's own connection on first use.
+                wk.run(2);
+                char c = 1;
+                if (write(ready[1], &c, 1) != 1)
+                    _exit(1);
+                while (read(go[0], &c, 1) > 0) {
+                }
+                round->start_ns[p] = bench::now_ns();
+                wk.run(pairs);
+                round->end_ns[p] = bench::now_ns();
+                round->failures[p] = wk.failures();
+                round->commands[p] = static_cast<int32_t>(commands.load() - before);
+                _exit(0);
+            }
+            kids.push_back(pid);
+        }
+        close(ready[1]);
+        close(go[0]);
+        char c;
+        int started = 0;
+        while (started < procs && read(ready[0], &c, 1) == 1)
+            ++started;
+        int64_t t0 = bench::now_ns();
+        close(go[1]); // releases every process at once
+        bool ok = started == procs;
+        for (pid_t pid : kids) {
+            int status = 0;
+            waitpid(pid, &status, 0);
+            ok = ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+        }
+        close(ready[0]);
+        int64_t t1 = t0;
+        for (int p = 0; p < procs; ++p) {
+            ok = ok && round->failures[p] == 0 && round->commands[p] == 0;
+            if (round->end_ns[p] > t1)
+                t1 = round->end_ns[p];
+            proc_s += static_cast<double>(round->end_ns[p] - round->start_ns[p]) * 1e-9;
+        }
+        if (!ok) {
+            st.SkipWithError("a process failed a call or ran a command");
+            break;
+        }
+        double s = static_cast<double>(t1 - t0) * 1e-9;
+        st.SetIterationTime(s);
+        total_s += s;
+        ++rounds;
+    }
+    munmap(mem, sizeof(shared_round));
+    if (rounds > 0) {
+        double calls_per_proc = 2.0 * pairs * static_cast<double>(rounds);
+        st.counters["call_ns"] = proc_s * 1e9 / (calls_per_proc * procs);
+        st.counters["calls_per_s"] = calls_per_proc * procs / total_s;
+    }
+}
+BENCHMARK(BM_contention)
+    ->ArgNames({"load", "procs"})
+    ->ArgsProduct({{qos, sql_floor, one_pending, own_pending}, {1, 2, 4}})
+    ->UseManualTime()
+    ->Unit(benchmark::kMicrosecond);
+
+} // namespace
+
+int main(int argc, char **argv) {
+    bench::prepare();
+    load_library();
+    seed_store();
+    return bench::run(argc, argv);
+}
