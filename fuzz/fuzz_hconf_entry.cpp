@@ -20,9 +20,8 @@ std::string text_form(const qmt_hconf_entry_rec *e) {
     std::string s = head;
     for (unsigned i = 0; i < e->len; ++i) {
         if (e->type == QMT_HCONF_TYPE_BIN) {
-            char hex[3];
-            snprintf(hex, sizeof hex, "%02x", e->data[i]);
-            s += hex;
+            s += "0123456789abcdef"[e->data[i] >> 4];
+            s += "0123456789abcdef"[e->data[i] & 15];
         } else {
             s += static_cast<char>(e->data[i]);
         }
