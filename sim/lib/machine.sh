@@ -45,7 +45,8 @@ restore_host_dirs() {
     for d in "${!kept_fd[@]}"; do
         if [ "$(stat -L -c %d:%i "$d" 2>/dev/null)" != "${kept_id[$d]}" ]; then
             mkdir -p "$d"
-            mount --bind "/proc/self/fd/${kept_fd[$d]}" "$d"
+            # -c: the descriptor names the host directory; its path would name the new one.
+            mount -c --bind "/proc/self/fd/${kept_fd[$d]}" "$d"
         fi
     done
     for d in "${!kept_fd[@]}"; do
