@@ -37,7 +37,61 @@ set(ENV{PKG_CONFIG_LIBDIR}
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${QMTNM_MIPS_SYSROOT}")
 set(ENV{PKG_CONFIG_PATH} "")
 
+# The emulator, through a small wrapper in the build tree. A test may preload a target library
+# into its program and the children it starts (LD_PRELOAD): the wrapper hands LD_PRELOAD to the
+# emulated program only (qemu's -E), never to the host's loader of qemu itself, which would
+# print a "wrong ELF class" complaint into the program's output. The wrapper is linked
+# statically so that no host loader sees LD_PRELOAD on the way in either (children that a test
+# starts through the wrapper carry the variable).
 find_program(QMTNM_QEMU_MIPSEL qemu-mipsel)
-if(QMTNM_QEMU_MIPSEL)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${QMTNM_QEMU_MIPSEL} -L ${QMTNM_MIPS_SYSROOT})
+find_program(QMTNM_HOST_CC NAMES cc gcc)
+if(QMTNM_QEMU_MIPSEL AND QMTNM_HOST_CC)
+  set(QMTNM_QEMU_RUN ${CMAKE_BINARY_DIR}/qemu-mipsel-run)
+  set(QMTNM_QEMU_RUN_SRC [=[
+/* Runs a mipsel program under qemu-mipsel with the target sysroot; LD_PRELOAD goes to the
+ * emulated program only. Written by cmake/toolchain-mipsel.cmake. */
+#define _POSIX_C_SOURCE 200809L
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+int main(int argc, char **argv) {
+    char **args = calloc((size_t)argc + 6, sizeof *args);
+    const char *preload = getenv("LD_PRELOAD");
+    int n = 0;
+    if (args == NULL)
+        return 127;
+    args[n++] = (char *)"@QMTNM_QEMU_MIPSEL@";
+    args[n++] = (char *)"-L";
+    args[n++] = (char *)"@QMTNM_MIPS_SYSROOT@";
+    if (preload != NULL && preload[0] != 0) {
+        size_t len = strlen(preload) + sizeof "LD_PRELOAD=";
+        char *opt = malloc(len);
+        if (opt == NULL)
+            return 127;
+        snprintf(opt, len, "LD_PRELOAD=%s", preload);
+        args[n++] = (char *)"-E";
+        args[n++] = opt;
+        unsetenv("LD_PRELOAD");
+    }
+    for (int i = 1; i < argc; ++i)
+        args[n++] = argv[i];
+    args[n] = NULL;
+    execv(args[0], args);
+    perror(args[0]);
+    return 127;
+}
+]=])
+  file(CONFIGURE OUTPUT ${QMTNM_QEMU_RUN}.c CONTENT "${QMTNM_QEMU_RUN_SRC}" @ONLY)
+  if(NOT EXISTS ${QMTNM_QEMU_RUN} OR ${QMTNM_QEMU_RUN}.c IS_NEWER_THAN ${QMTNM_QEMU_RUN})
+    execute_process(
+      COMMAND ${QMTNM_HOST_CC} -std=c99 -O2 -Wall -Wextra -Werror -static
+              -o ${QMTNM_QEMU_RUN} ${QMTNM_QEMU_RUN}.c
+      RESULT_VARIABLE rc ERROR_VARIABLE err)
+    if(NOT rc EQUAL 0)
+      message(FATAL_ERROR "cannot build the emulator wrapper ${QMTNM_QEMU_RUN}: ${err}")
+    endif()
+  endif()
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${QMTNM_QEMU_RUN})
 endif()
