@@ -4,11 +4,13 @@ power cycle, and that none of it reaches the host."""
 import os
 import re
 import subprocess
+import sys
 import time
 import uuid
 
-import simdevice
-from simdevice import SimTestCase
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
+import simdevice  # noqa: E402
+from simdevice import SimTestCase  # noqa: E402
 
 DEFAULTS = os.path.join(simdevice.TOP, "sysconf", "defaults.conf")
 

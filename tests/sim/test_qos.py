@@ -5,9 +5,11 @@ the received IP headers."""
 import os
 import re
 import stat
+import sys
 
-import simdevice
-from simdevice import SimTestCase
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
+import simdevice  # noqa: E402
+from simdevice import SimTestCase  # noqa: E402
 
 CHAIN = "-N qos_mangle_chain"
 HOOK = "-A OUTPUT -j qos_mangle_chain"
