@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Helpers shared by the init processes of the emulated machines (sourced, not run).
 # Every mount made here lives in the caller's private mount namespace and dies with it.
 
@@ -41,7 +42,7 @@ hold_host_dirs() {
     done
 }
 restore_host_dirs() {
-    local d
+    local d fd
     for d in "${!kept_fd[@]}"; do
         if [ "$(stat -L -c %d:%i "$d" 2>/dev/null)" != "${kept_id[$d]}" ]; then
             mkdir -p "$d"
@@ -50,7 +51,8 @@ restore_host_dirs() {
         fi
     done
     for d in "${!kept_fd[@]}"; do
-        exec {kept_fd[$d]}<&-
+        fd=${kept_fd[$d]}
+        exec {fd}<&-
     done
 }
 
