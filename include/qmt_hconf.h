@@ -89,7 +89,7 @@ QMTNM_API int qmt_hconf_write_header(const qmt_hconf_header_rec *header);
 /* entry->id names the wanted entry; the record must have room for its data. */
 QMTNM_API int qmt_hconf_read_entry(qmt_hconf_entry_rec *entry);
 QMTNM_API int qmt_hconf_write_entry(const qmt_hconf_entry_rec *entry);
-/* arg is handed to the driver unchanged (the driver takes the entry id). */
+/* arg is handed to the driver unchanged. */
 QMTNM_API int qmt_hconf_del_entry(unsigned long arg);
 QMTNM_API int qmt_hconf_sync(void);
 QMTNM_API int qmt_hconf_clear(void);

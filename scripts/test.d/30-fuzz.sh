@@ -1,6 +1,6 @@
 #!/bin/bash
 # Fuzzing: builds the libFuzzer targets with clang into build-fuzz/ and runs each for about a
-# minute (all at once) on a temporary copy of its seed corpus in fuzz/corpus/, so the repository
+# minute (all at once) on a temporary copy of its seed corpus in fuzz/corpus/<target>/, so the repository
 # is never changed. Any crash, sanitizer report, failed property, time-out or out-of-memory
 # fails the suite; the input that caused it is kept under build-fuzz/artifacts/.
 #   QMTNM_FUZZ_SECONDS  run time of each target (default 60)
@@ -9,13 +9,13 @@ top=$(cd "$(dirname "$0")/../.." && pwd)
 cd "$top"
 secs=${QMTNM_FUZZ_SECONDS:-60}
 build=build-fuzz
-targets=(hconf_header hconf_entry conf_format)
-declare -A dict=([hconf_header]=fuzz/hconf.dict [hconf_entry]=fuzz/hconf.dict
-    [conf_format]=fuzz/conf_format.dict)
+targets=(fuzz_hconf_header fuzz_hconf_entry fuzz_conf_format)
+declare -A dict=([fuzz_hconf_header]=fuzz/hconf.dict [fuzz_hconf_entry]=fuzz/hconf.dict
+    [fuzz_conf_format]=fuzz/conf_format.dict)
 
 CC=clang CXX=clang++ cmake -S . -B "$build" -DQMTNM_BUILD_FUZZ=ON -DQMTNM_BUILD_TESTS=OFF \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$build" -j"$(nproc)" --target "${targets[@]/#/fuzz_}" >/dev/null
+cmake --build "$build" -j"$(nproc)" --target "${targets[@]}" >/dev/null
 
 # The settings store's database goes to a tmpfs when there is one: every write is synced.
 tmpbase=${TMPDIR:-/tmp}
@@ -29,7 +29,7 @@ for t in "${targets[@]}"; do
     cp fuzz/corpus/"$t"/* "$work/$t/corpus/"
     (
         cd "$work/$t"
-        exec env SYSCONF_DB="$work/$t/store.db" "$top/$build/fuzz/fuzz_$t" \
+        exec env SYSCONF_DB="$work/$t/store.db" "$top/$build/fuzz/$t" \
             -dict="$top/${dict[$t]}" -max_total_time="$secs" -timeout=10 -print_final_stats=1 \
             -artifact_prefix="$work/$t/artifacts/" corpus >"$work/$t/log" 2>&1
     ) &
@@ -41,14 +41,14 @@ failed=0
 for t in "${targets[@]}"; do
     if wait "${pid[$t]}"; then
         runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$work/$t/log")
-        echo "fuzz_$t: ${runs:-?} executions in ${secs}s, nothing found"
+        echo "$t: ${runs:-?} executions in ${secs}s, nothing found"
         passed=$((passed + 1))
     else
-        echo "fuzz_$t: FAILED" >&2
+        echo "$t: FAILED" >&2
         tail -n 40 "$work/$t/log" >&2
         mkdir -p "$build/artifacts/$t"
         cp "$work/$t/artifacts/"* "$build/artifacts/$t/" 2>/dev/null || true
-        echo "fuzz_$t: the failing input is kept in $build/artifacts/$t/" >&2
+        echo "$t: the failing input is kept in $build/artifacts/$t/" >&2
         failed=$((failed + 1))
     fi
 done
