@@ -5,6 +5,7 @@
 #include "qmtnm.h"
 
 #include <arpa/inet.h>
+#include <cerrno>
 #include <sys/ioctl.h>
 
 #ifndef HCONF_TOOL
@@ -567,6 +568,21 @@ TEST_F(Device, WritesAreSeenByOtherProcessesAtOnce) {
     r = hconftest::run(HCONF_TOOL, {"write", "0x2:0:1:ff"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(saved(), "0x1:1:3:abc\n0x2:0:1:ff\n");
+}
+
+// The stand-in answers only the device's own request numbers, so a client that used the build
+// host's _IO encoding would fail every test above.
+TEST_F(Device, StandInAnswersOnlyTheDevicesRequestNumbers) {
+    int fd = open(QMT_HCONF_DEVICE, O_RDWR);
+    ASSERT_GE(fd, 0);
+    uint8_t header[12] = {};
+    EXPECT_EQ(ioctl(fd, 0x20007603ul, header), 0);
+    for (unsigned long other : {0x7603ul, 0x80007603ul, 0x20007703ul, 0x20007602ul}) {
+        errno = 0;
+        EXPECT_EQ(ioctl(fd, other, header), -1) << std::hex << other;
+        EXPECT_EQ(errno, ENOTTY);
+    }
+    close(fd);
 }
 
 // ---- the hconf tool ------------------------------------------------------------------------
