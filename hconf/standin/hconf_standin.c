@@ -123,14 +123,14 @@ static int forget(int fd) {
 /* ---- failure injection ---------------------------------------------------------------- */
 
 static int injected(const char *what) {
-    const char *spec = getenv("HCONF_STANDIN_FAIL");
+    const char *list = getenv("HCONF_STANDIN_FAIL");
     size_t n = strlen(what);
-    while (spec != NULL && *spec != '\0') {
-        const char *end = strchr(spec, ',');
-        size_t len = end ? (size_t)(end - spec) : strlen(spec);
-        if (len == n && strncmp(spec, what, n) == 0)
+    while (list != NULL && *list != '\0') {
+        const char *end = strchr(list, ',');
+        size_t len = end ? (size_t)(end - list) : strlen(list);
+        if (len == n && strncmp(list, what, n) == 0)
             return 1;
-        spec = end ? end + 1 : NULL;
+        list = end ? end + 1 : NULL;
     }
     return 0;
 }
