@@ -3,6 +3,7 @@
 // address into the hardware store. Their error codes use module byte 0x00.
 #include "common/area.h"
 #include "common/nm_log.h"
+#include "common/raii.h"
 #include "qmt_hconf.h"
 #include "qmtnm.h"
 
@@ -32,25 +33,6 @@ constexpr const char *kHostsFile = "/var/conf/hosts";
 constexpr uint32_t kHwIpAddr = 0x01000002;
 constexpr uint32_t kHwNetmask = 0x01000004;
 
-class fd_guard {
-  public:
-    explicit fd_guard(int fd) : fd_(fd) {}
-    ~fd_guard() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    fd_guard(const fd_guard &) = delete;
-    fd_guard &operator=(const fd_guard &) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
-
-struct file_close {
-    void operator()(FILE *f) const { fclose(f); }
-};
-
 } // namespace
 
 extern "C" {
@@ -78,7 +60,7 @@ int32_t write_conf_file(const char *path, uint32_t mode, const char *text) {
 }
 
 int32_t nm_get_inaddr(const char *ifname, int32_t which, void *out) {
-    fd_guard sock(socket(AF_INET, SOCK_DGRAM, 0));
+    nm::unique_fd sock(socket(AF_INET, SOCK_DGRAM, 0));
     if (sock.get() < 0)
         return -errno;
     ifreq ifr;
@@ -131,7 +113,7 @@ int32_t update_hosts_file(void) {
         NM_ERR("get hostname fail, errno = %d\n", kStoreFail);
         return kStoreFail;
     }
-    std::unique_ptr<FILE, file_close> hosts(fopen(kHostsFile, "w"));
+    nm::unique_file hosts(fopen(kHostsFile, "w"));
     if (!hosts) {
         NM_ERR("open %s fail, errno = %d\n", kHostsFile, kOpenFail);
         return kOpenFail;

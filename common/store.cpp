@@ -1,12 +1,12 @@
 // Settings-store access shared by every area: single values and whole records.
 #include "common/area.h"
 #include "common/nm_log.h"
+#include "common/raii.h"
 #include "qmt_conf.h"
 
 #include <arpa/inet.h>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 namespace nm {
 
@@ -102,7 +102,7 @@ int32_t store_write(const char *func, const store_map &map, const void *record) 
 
 int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
                         record_reader reader, const char *read_fail, int32_t *changed) {
-    std::unique_ptr<void, decltype(&free)> stored(calloc(1, size), &free);
+    unique_heap<void> stored(calloc(1, size));
     if (!stored) {
         int32_t code = err(module, QMTNM_R_NOMEM);
         log(LOG_GATE_ERR, func, "calloc memory fail, ret = %d\n", code);

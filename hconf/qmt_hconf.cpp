@@ -6,6 +6,8 @@
 // returns plain ints. The parsers work on NUL-terminated text and stop at the terminator.
 #include "qmt_hconf.h"
 
+#include "common/raii.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -118,21 +120,9 @@ constexpr size_t kEntryLen = 6;
 
 // ---- the device ------------------------------------------------------------------------
 
-class device_fd {
-  public:
-    device_fd() : fd_(open(QMT_HCONF_DEVICE, O_RDWR)) {}
-    ~device_fd() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    device_fd(const device_fd &) = delete;
-    device_fd &operator=(const device_fd &) = delete;
-
-    int get() const { return fd_; }
-    bool ok() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
+// The device, opened read-write for one request.
+struct device_fd : nm::unique_fd {
+    device_fd() : nm::unique_fd(open(QMT_HCONF_DEVICE, O_RDWR)) {}
 };
 
 int request(const device_fd &dev, unsigned long nr, void *arg) {
@@ -141,13 +131,6 @@ int request(const device_fd &dev, unsigned long nr, void *arg) {
 int request(const device_fd &dev, unsigned long nr, unsigned long arg) {
     return ioctl(dev.get(), nr, arg);
 }
-
-struct free_delete {
-    void operator()(void *p) const { free(p); }
-};
-struct file_close {
-    void operator()(FILE *f) const { fclose(f); }
-};
 
 // getline()'s buffer, released however the reading ends.
 struct line_buffer {
@@ -253,7 +236,7 @@ qmt_hconf_entry_rec *qmt_hconf_entry(const char *text) {
     auto len = static_cast<uint16_t>(scan_unsigned(skip_separator(p), &p));
     const char *data = skip_separator(p);
 
-    std::unique_ptr<qmt_hconf_entry_rec, free_delete> entry(
+    nm::unique_heap<qmt_hconf_entry_rec> entry(
         static_cast<qmt_hconf_entry_rec *>(calloc(1, kEntryHead + len)));
     if (!entry) {
         printf("%s: ERROR: allocate memory failed\n", __func__);
@@ -347,8 +330,7 @@ int qmt_hconf_save(const char *path) {
         printf("%s: ERROR: open %s failed\n", __func__, QMT_HCONF_DEVICE);
         return -1;
     }
-    std::unique_ptr<uint8_t, free_delete> image(
-        static_cast<uint8_t *>(calloc(1, QMT_HCONF_IMAGE_SIZE)));
+    nm::unique_heap<uint8_t> image(static_cast<uint8_t *>(calloc(1, QMT_HCONF_IMAGE_SIZE)));
     if (!image)
         return -1;
     int r = request(dev, QMT_HCONF_IOC_READ_ALL, static_cast<void *>(image.get()));
@@ -356,7 +338,7 @@ int qmt_hconf_save(const char *path) {
         printf("%s: ERROR: failed read all\n", __func__);
         return r;
     }
-    std::unique_ptr<FILE, file_close> file;
+    nm::unique_file file;
     FILE *out = stdout;
     if (path != nullptr) {
         file.reset(fopen(path, "w"));
@@ -387,7 +369,7 @@ int qmt_hconf_save(const char *path) {
 
 int qmt_hconf_update(const char *path) {
     // "r": the stream is only ever read.
-    std::unique_ptr<FILE, file_close> in(fopen(path, "r"));
+    nm::unique_file in(fopen(path, "r"));
     if (!in) {
         printf("%s: ERROR: open %s failed\n", __func__, path);
         return -1;
@@ -399,7 +381,7 @@ int qmt_hconf_update(const char *path) {
             return 0;
         if (n < 6)
             continue;
-        std::unique_ptr<qmt_hconf_entry_rec, free_delete> entry(qmt_hconf_entry(line.text));
+        nm::unique_heap<qmt_hconf_entry_rec> entry(qmt_hconf_entry(line.text));
         if (!entry) {
             printf("%s: ERROR: failed parse entry: %s\n", __func__, line.text);
             return -1;

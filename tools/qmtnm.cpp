@@ -238,19 +238,28 @@ int cmd_areas() {
     return 0;
 }
 
+// Takes one of the flags that may stand anywhere on the line; false if arg is not one.
+bool take_flag(options &opt, const char *arg) {
+    if (!strcmp(arg, "--json"))
+        opt.json = true;
+    else if (!strcmp(arg, "-v") || !strcmp(arg, "--verbose"))
+        opt.verbose = true;
+    else if (!strcmp(arg, "--host"))
+        opt.host = true;
+    else
+        return false;
+    return true;
+}
+
 } // namespace
 
 int main(int argc, char **argv) {
     options opt;
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
-        if (!strcmp(argv[i], "--json"))
-            opt.json = true;
-        else if (!strcmp(argv[i], "-v") || !strcmp(argv[i], "--verbose"))
-            opt.verbose = true;
-        else if (!strcmp(argv[i], "--host"))
-            opt.host = true;
-        else if (!strcmp(argv[i], "--log-level") && i + 1 < argc)
+        if (take_flag(opt, argv[i]))
+            continue;
+        if (!strcmp(argv[i], "--log-level") && i + 1 < argc)
             nm_log_level = atoi(argv[++i]);
         else
             return usage();
@@ -270,13 +279,7 @@ int main(int argc, char **argv) {
     // Options may also follow the area: "qmtnm get qos --json".
     int rest = i;
     for (int j = i; j < argc; ++j) {
-        if (!strcmp(argv[j], "--json"))
-            opt.json = true;
-        else if (!strcmp(argv[j], "-v") || !strcmp(argv[j], "--verbose"))
-            opt.verbose = true;
-        else if (!strcmp(argv[j], "--host"))
-            opt.host = true;
-        else
+        if (!take_flag(opt, argv[j]))
             argv[rest++] = argv[j];
     }
     if (opt.verbose) // same ident and facility as the library, plus a copy on stderr
