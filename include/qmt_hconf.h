@@ -15,18 +15,10 @@
 
 #include <stdint.h>
 
+#include "qmtnm_api.h"
+
 #ifdef __cplusplus
 extern "C" {
-#endif
-
-#ifndef QMTNM_API
-#define QMTNM_API __attribute__((visibility("default")))
-#endif
-
-#if defined(__cplusplus)
-#define QMT_HCONF_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
-#else
-#define QMT_HCONF_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
 #endif
 
 #define QMT_HCONF_DEVICE "/dev/hconf"
@@ -65,8 +57,8 @@ typedef struct __attribute__((packed)) qmt_hconf_entry_rec {
     uint8_t data[];
 } qmt_hconf_entry_rec;
 
-QMT_HCONF_STATIC_ASSERT(sizeof(qmt_hconf_header_rec) == 12, "hconf header is 12 bytes");
-QMT_HCONF_STATIC_ASSERT(sizeof(qmt_hconf_entry_rec) == 8, "hconf entry header is 8 bytes");
+QMTNM_STATIC_ASSERT(sizeof(qmt_hconf_header_rec) == 12, "hconf header is 12 bytes");
+QMTNM_STATIC_ASSERT(sizeof(qmt_hconf_entry_rec) == 8, "hconf entry header is 8 bytes");
 
 /* ---- records and text form ------------------------------------------------------------ */
 /* Value of one hex digit; any other character prints "ch_hex: ERROR: bad char: %c" and
