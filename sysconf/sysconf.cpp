@@ -6,6 +6,7 @@
 // and a crash never leaves it half-written. Each process opens its own connection on first
 // use; a child after fork() opens a fresh one instead of sharing its parent's.
 #include "qmt_conf.h"
+#include "sysconf_internal.h"
 
 #include <sqlite3.h>
 
@@ -14,10 +15,9 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
-#include <string>
-#include <string_view>
+#include <new>
 #include <pthread.h>
+#include <string_view>
 
 #ifndef SYSCONF_DEFAULT_DB
 #define SYSCONF_DEFAULT_DB "/var/conf/sysconf.db"
@@ -33,8 +33,6 @@ constexpr size_t kMaxPath = 512;
 class connection {
   public:
     enum stmt_id { GET, PUT_INT, PUT_STR, DEL, DEL_TREE, RANGE, COUNT_ };
-
-    ~connection() { close(); }
 
     bool open(const char *path) {
         if (sqlite3_open_v2(path, &db_,
@@ -99,24 +97,25 @@ class connection {
 // (SQLite's locks belong to the parent's process) nor its mutex (another thread may have held
 // it at the fork), so the child starts from a fresh state and abandons the inherited one.
 struct process_store {
-    std::mutex lock;
-    connection *conn = nullptr;
-    std::string path;
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    connection conn;
 };
 
 process_store *state = nullptr;
+pthread_once_t state_once = PTHREAD_ONCE_INIT;
 
-void reset_in_child() {
-    state = new process_store;
+process_store *new_state() {
+    void *mem = malloc(sizeof(process_store));
+    return mem ? new (mem) process_store : nullptr;
 }
 
-process_store *store_state() {
-    static bool registered = [] {
-        state = new process_store;
-        return pthread_atfork(nullptr, nullptr, reset_in_child) == 0;
-    }();
-    (void)registered;
-    return state;
+void reset_in_child() {
+    state = new_state();
+}
+
+void init_state() {
+    state = new_state();
+    pthread_atfork(nullptr, nullptr, reset_in_child);
 }
 
 const char *configured_path() {
@@ -126,18 +125,16 @@ const char *configured_path() {
 
 // Runs fn(connection&) under the process's lock; QMT_CONF_ESTORE when the store won't open.
 template <class Fn> int with_store(Fn fn) {
-    process_store *st = store_state();
-    std::lock_guard<std::mutex> guard(st->lock);
-    if (st->conn == nullptr) {
-        auto *c = new connection;
-        st->path = configured_path();
-        if (!c->open(st->path.c_str())) {
-            delete c;
-            return QMT_CONF_ESTORE;
-        }
-        st->conn = c;
-    }
-    return fn(*st->conn);
+    pthread_once(&state_once, init_state);
+    process_store *st = state;
+    if (st == nullptr)
+        return QMT_CONF_ESTORE;
+    pthread_mutex_lock(&st->lock);
+    int r = QMT_CONF_ESTORE;
+    if (st->conn.db() != nullptr || st->conn.open(configured_path()))
+        r = fn(st->conn);
+    pthread_mutex_unlock(&st->lock);
+    return r;
 }
 
 int step_done(sqlite3_stmt *s) {
@@ -164,36 +161,52 @@ class path_builder {
         snprintf(buf, sizeof buf, "#%d", index);
         return append(buf);
     }
-    const std::string &str() const { return path_; }
+    std::string_view str() const { return {path_, len_}; }
     int parts() const { return parts_; }
 
   private:
     bool append(std::string_view comp) {
-        if (path_.size() + comp.size() + 1 > kMaxPath)
+        if (len_ + comp.size() + 1 > kMaxPath)
             return false;
-        if (!path_.empty())
-            path_ += '/';
-        path_ += comp;
+        if (len_ != 0)
+            path_[len_++] = '/';
+        memcpy(path_ + len_, comp.data(), comp.size());
+        len_ += comp.size();
+        path_[len_] = '\0';
         ++parts_;
         return true;
     }
-    std::string path_;
+    char path_[kMaxPath + 1] = {};
+    size_t len_ = 0;
     int parts_ = 0;
 };
 
-// Rows strictly below prefix: path in (prefix + "/", prefix + "0"), '0' being '/' + 1.
-void bind_subtree(sqlite3_stmt *s, const std::string &prefix, std::string &lo, std::string &hi) {
-    lo = prefix + "/";
-    hi = prefix + "0";
-    sqlite3_bind_text(s, 1, lo.c_str(), static_cast<int>(lo.size()), SQLITE_STATIC);
-    sqlite3_bind_text(s, 2, hi.c_str(), static_cast<int>(hi.size()), SQLITE_STATIC);
+// The rows strictly below a path: path in (prefix + "/", prefix + "0"), '0' being '/' + 1.
+struct subtree {
+    explicit subtree(std::string_view prefix) : n(prefix.size() + 1) {
+        memcpy(lo, prefix.data(), prefix.size());
+        memcpy(hi, prefix.data(), prefix.size());
+        lo[prefix.size()] = '/';
+        hi[prefix.size()] = '0';
+    }
+    void bind(sqlite3_stmt *s) const {
+        sqlite3_bind_text(s, 1, lo, static_cast<int>(n), SQLITE_STATIC);
+        sqlite3_bind_text(s, 2, hi, static_cast<int>(n), SQLITE_STATIC);
+    }
+    char lo[kMaxPath + 1];
+    char hi[kMaxPath + 1];
+    size_t n;
+};
+
+void bind_path(sqlite3_stmt *s, std::string_view path) {
+    sqlite3_bind_text(s, 1, path.data(), static_cast<int>(path.size()), SQLITE_STATIC);
 }
 
 // ---- values ------------------------------------------------------------------------------
 
-int read_int(connection &c, const std::string &path, int *out) {
+int read_int(connection &c, std::string_view path, int *out) {
     sqlite3_stmt *s = c.use(connection::GET);
-    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    bind_path(s, path);
     int rc = sqlite3_step(s);
     int result = QMT_CONF_ENOENT;
     if (rc == SQLITE_ROW) {
@@ -213,9 +226,9 @@ int read_int(connection &c, const std::string &path, int *out) {
 }
 
 // Copies at most cap - 1 bytes and always terminates (cap >= 1).
-int read_str(connection &c, const std::string &path, char *buf, int cap) {
+int read_str(connection &c, std::string_view path, char *buf, int cap) {
     sqlite3_stmt *s = c.use(connection::GET);
-    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    bind_path(s, path);
     int rc = sqlite3_step(s);
     int result = QMT_CONF_ENOENT;
     if (rc == SQLITE_ROW) {
@@ -234,31 +247,30 @@ int read_str(connection &c, const std::string &path, char *buf, int cap) {
     return result;
 }
 
-int write_int(connection &c, const std::string &path, int v) {
+int write_int(connection &c, std::string_view path, int v) {
     sqlite3_stmt *s = c.use(connection::PUT_INT);
-    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    bind_path(s, path);
     sqlite3_bind_int(s, 2, v);
     return step_done(s);
 }
 
-int write_str(connection &c, const std::string &path, const char *v) {
+int write_str(connection &c, std::string_view path, const char *v) {
     sqlite3_stmt *s = c.use(connection::PUT_STR);
-    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    bind_path(s, path);
     sqlite3_bind_text(s, 2, v, -1, SQLITE_STATIC);
     return step_done(s);
 }
 
 // Deletes the value at path and everything below it, in one transaction.
-int delete_path(connection &c, const std::string &path) {
+int delete_path(connection &c, std::string_view path) {
     if (sqlite3_exec(c.db(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
         return QMT_CONF_ESTORE;
     sqlite3_stmt *s = c.use(connection::DEL);
-    sqlite3_bind_text(s, 1, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
+    bind_path(s, path);
     int r = step_done(s);
     if (r == 0) {
-        std::string lo, hi;
         s = c.use(connection::DEL_TREE);
-        bind_subtree(s, path, lo, hi);
+        subtree(path).bind(s);
         r = step_done(s);
     }
     const char *end = r == 0 ? "COMMIT" : "ROLLBACK";
@@ -270,15 +282,15 @@ int delete_path(connection &c, const std::string &path) {
 }
 
 // Number of elements of the list at path: one more than the highest element index in use.
-int count_list(connection &c, const std::string &path, int *out) {
+int count_list(connection &c, std::string_view path, int *out) {
     sqlite3_stmt *s = c.use(connection::RANGE);
-    std::string lo, hi;
-    bind_subtree(s, path, lo, hi);
+    const subtree below(path);
+    below.bind(s);
     long highest = -1;
     int rc;
     while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
         const auto *p = reinterpret_cast<const char *>(sqlite3_column_text(s, 0));
-        const char *elem = p + lo.size();
+        const char *elem = p + below.n;
         if (*elem != '#')
             continue;
         char *end = nullptr;
@@ -386,7 +398,7 @@ int parse(bool write, const char *domain, const char *format, va_list ap, reques
 
 int execute(request &rq) {
     return with_store([&](connection &c) {
-        const std::string &p = rq.path.str();
+        std::string_view p = rq.path.str();
         switch (rq.action) {
         case op::get_int:
             return read_int(c, p, static_cast<int *>(rq.out));
@@ -458,13 +470,13 @@ bool valid_path(std::string_view path) {
         size_t end = path.find('/', start);
         if (end == std::string_view::npos)
             end = path.size();
-        std::string_view comp = path.substr(start, end - start);
+        std::string_view comp = slice(path, start, end - start);
         if (comp.empty())
             return false;
         if (comp[0] == '#') {
             if (comp.size() < 2 || parts < 2)
                 return false;
-            for (char ch : comp.substr(1))
+            for (char ch : slice(comp, 1))
                 if (ch < '0' || ch > '9')
                     return false;
         }

@@ -6,6 +6,15 @@
 
 namespace sysconf_internal {
 
+// s.substr(pos, n) that clamps instead of throwing: the store links no C++ runtime.
+inline std::string_view slice(std::string_view s, size_t pos, size_t n = std::string_view::npos) {
+    if (pos > s.size())
+        pos = s.size();
+    if (n > s.size() - pos)
+        n = s.size() - pos;
+    return std::string_view(s.data() + pos, n);
+}
+
 // Runs fn on the process's connection under its lock; QMT_CONF_ESTORE if the store won't open.
 int with_db(int (*fn)(sqlite3 *, void *), void *ctx);
 // A value path: domain/section/key at least, components non-empty, "#<digits>" elements.

@@ -7,54 +7,49 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 namespace {
 
+using sysconf_internal::slice;
 using sysconf_internal::valid_path;
 
-struct entry {
-    std::string path;
-    bool is_int = false;
-    long long ival = 0;
-    std::string sval;
+constexpr size_t kMaxText = 4096; // longest string value of the text form
+
+// One value of the text form (plain storage, filled by parse_value). Strings are unescaped
+// into text.
+struct value {
+    bool is_int;
+    long long ival;
+    char text[kMaxText + 1];
+    size_t len;
 };
 
-void quote(const char *s, std::string &out) {
-    out += '"';
+// Writes s quoted and escaped through put(ch) calls.
+template <class Put> void quote(const char *s, Put put) {
+    put('"');
     for (; *s; ++s) {
-        switch (*s) {
-        case '"':
-            out += "\\\"";
-            break;
-        case '\\':
-            out += "\\\\";
-            break;
-        case '\n':
-            out += "\\n";
-            break;
-        case '\t':
-            out += "\\t";
-            break;
-        default:
-            out += *s;
+        char esc = *s == '"' ? '"' : *s == '\\' ? '\\' : *s == '\n' ? 'n' : *s == '\t' ? 't' : 0;
+        if (esc) {
+            put('\\');
+            put(esc);
+        } else {
+            put(*s);
         }
     }
-    out += '"';
+    put('"');
 }
 
-// Parses a value text: an integer, or a quoted string with escapes. Returns false if neither.
-bool parse_value(std::string_view text, entry &e) {
+// Parses a value text: an integer, or a quoted string with escapes. False if neither.
+bool parse_value(std::string_view text, value &v) {
     if (!text.empty() && text.front() == '"') {
         if (text.size() < 2 || text.back() != '"')
             return false;
-        std::string_view body = text.substr(1, text.size() - 2);
-        e.is_int = false;
-        e.sval.clear();
+        std::string_view body = slice(text, 1, text.size() - 2);
+        v.is_int = false;
+        v.len = 0;
         for (size_t i = 0; i < body.size(); ++i) {
             char ch = body[i];
-            if (ch == '"')
+            if (ch == '"' || v.len == kMaxText)
                 return false;
             if (ch == '\\') {
                 if (++i == body.size())
@@ -76,20 +71,23 @@ bool parse_value(std::string_view text, entry &e) {
                     return false;
                 }
             }
-            e.sval += ch;
+            v.text[v.len++] = ch;
         }
+        v.text[v.len] = '\0';
         return true;
     }
-    std::string num(text);
-    if (num.empty())
+    char num[24];
+    if (text.empty() || text.size() >= sizeof num)
         return false;
+    memcpy(num, text.data(), text.size());
+    num[text.size()] = '\0';
     char *end = nullptr;
     errno = 0;
-    long long v = strtoll(num.c_str(), &end, 10);
-    if (*end != '\0' || errno != 0 || v < INT_MIN || v > INT_MAX)
+    long long n = strtoll(num, &end, 10);
+    if (*end != '\0' || errno != 0 || n < INT_MIN || n > INT_MAX)
         return false;
-    e.is_int = true;
-    e.ival = v;
+    v.is_int = true;
+    v.ival = n;
     return true;
 }
 
@@ -102,66 +100,86 @@ std::string_view trim(std::string_view s) {
     return s;
 }
 
-// "path = value"; false for a malformed line.
-bool parse_line(std::string_view line, entry &e) {
+// "path = value"; false for a malformed line. path points into line.
+bool parse_line(std::string_view line, std::string_view &path, value &v) {
     size_t eq = line.find('=');
     if (eq == std::string_view::npos)
         return false;
-    std::string_view path = trim(line.substr(0, eq));
-    if (!valid_path(path))
-        return false;
-    e.path.assign(path);
-    return parse_value(trim(line.substr(eq + 1)), e);
+    path = trim(slice(line, 0, eq));
+    return valid_path(path) && parse_value(trim(slice(line, eq + 1)), v);
 }
 
-int bind_entry(sqlite3_stmt *s, const entry &e) {
+int insert(sqlite3_stmt *s, std::string_view path, const value &v) {
     sqlite3_reset(s);
-    sqlite3_bind_text(s, 1, e.path.c_str(), -1, SQLITE_STATIC);
-    if (e.is_int)
-        sqlite3_bind_int64(s, 2, e.ival);
+    sqlite3_bind_text(s, 1, path.data(), static_cast<int>(path.size()), SQLITE_TRANSIENT);
+    if (v.is_int)
+        sqlite3_bind_int64(s, 2, v.ival);
     else
-        sqlite3_bind_text(s, 2, e.sval.c_str(), -1, SQLITE_STATIC);
+        sqlite3_bind_text(s, 2, v.text, static_cast<int>(v.len), SQLITE_TRANSIENT);
     return sqlite3_step(s) == SQLITE_DONE ? 0 : QMT_CONF_ESTORE;
 }
 
-// Writes entries in one transaction (optionally emptying the store first).
+// Reads "path = value" lines from in and stores them in one transaction, optionally emptying
+// the store first. A malformed line rolls everything back.
 struct load_job {
-    const std::vector<entry> *entries;
+    FILE *in;
     bool replace;
 };
+
+int load_lines(sqlite3 *db, sqlite3_stmt *s, load_job &job) {
+    if (job.replace && sqlite3_exec(db, "DELETE FROM conf", nullptr, nullptr, nullptr) != SQLITE_OK)
+        return QMT_CONF_ESTORE;
+    char *line = nullptr;
+    size_t cap = 0;
+    ssize_t n;
+    int loaded = 0, r = 0;
+    auto *v = static_cast<value *>(malloc(sizeof(value)));
+    if (v == nullptr)
+        return QMT_CONF_ESTORE;
+    while (r == 0 && (n = getline(&line, &cap, job.in)) >= 0) {
+        std::string_view text = trim(std::string_view(line, static_cast<size_t>(n)));
+        if (text.empty() || text.front() == '#')
+            continue;
+        std::string_view path;
+        if (!parse_line(text, path, *v))
+            r = QMT_CONF_EFORMAT;
+        else if ((r = insert(s, path, *v)) == 0)
+            ++loaded;
+    }
+    free(v);
+    free(line);
+    return r < 0 ? r : loaded;
+}
 
 int run_load(sqlite3 *db, void *ctx) {
     auto *job = static_cast<load_job *>(ctx);
     if (sqlite3_exec(db, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
         return QMT_CONF_ESTORE;
-    int r = 0;
-    if (job->replace &&
-        sqlite3_exec(db, "DELETE FROM conf", nullptr, nullptr, nullptr) != SQLITE_OK)
-        r = QMT_CONF_ESTORE;
     sqlite3_stmt *s = nullptr;
-    if (r == 0 && sqlite3_prepare_v2(db, "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)",
-                                     -1, &s, nullptr) != SQLITE_OK)
-        r = QMT_CONF_ESTORE;
-    for (size_t i = 0; r == 0 && i < job->entries->size(); ++i)
-        r = bind_entry(s, (*job->entries)[i]);
+    int r = QMT_CONF_ESTORE;
+    if (sqlite3_prepare_v2(db, "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)", -1, &s,
+                           nullptr) == SQLITE_OK)
+        r = load_lines(db, s, *job);
     sqlite3_finalize(s);
-    if (r == 0 && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK)
-        return static_cast<int>(job->entries->size());
+    if (r >= 0 && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK)
+        return r;
     sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
-    return QMT_CONF_ESTORE;
+    return r < 0 ? r : QMT_CONF_ESTORE;
+}
+
+// Prints column col of the current row in the text form.
+void print_value(FILE *out, sqlite3_stmt *s, int col) {
+    if (sqlite3_column_type(s, col) == SQLITE_INTEGER)
+        fprintf(out, "%lld", static_cast<long long>(sqlite3_column_int64(s, col)));
+    else
+        quote(reinterpret_cast<const char *>(sqlite3_column_text(s, col)),
+              [out](char ch) { fputc(ch, out); });
 }
 
 struct dump_job {
     FILE *out;
     const char *prefix;
 };
-
-void append_value(sqlite3_stmt *s, int col, std::string &line) {
-    if (sqlite3_column_type(s, col) == SQLITE_INTEGER)
-        line += std::to_string(sqlite3_column_int64(s, col));
-    else
-        quote(reinterpret_cast<const char *>(sqlite3_column_text(s, col)), line);
-}
 
 int run_dump(sqlite3 *db, void *ctx) {
     auto *job = static_cast<dump_job *>(ctx);
@@ -173,13 +191,10 @@ int run_dump(sqlite3 *db, void *ctx) {
         return QMT_CONF_ESTORE;
     sqlite3_bind_text(s, 1, job->prefix ? job->prefix : "", -1, SQLITE_STATIC);
     int rc;
-    std::string line;
     while ((rc = sqlite3_step(s)) == SQLITE_ROW) {
-        line.assign(reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
-        line += " = ";
-        append_value(s, 1, line);
-        line += '\n';
-        fputs(line.c_str(), job->out);
+        fprintf(job->out, "%s = ", reinterpret_cast<const char *>(sqlite3_column_text(s, 0)));
+        print_value(job->out, s, 1);
+        fputc('\n', job->out);
     }
     sqlite3_finalize(s);
     return rc == SQLITE_DONE ? 0 : QMT_CONF_ESTORE;
@@ -187,7 +202,7 @@ int run_dump(sqlite3 *db, void *ctx) {
 
 struct get_job {
     const char *path;
-    std::string text;
+    FILE *out; // receives the value's text form
 };
 
 int run_get(sqlite3 *db, void *ctx) {
@@ -199,7 +214,7 @@ int run_get(sqlite3 *db, void *ctx) {
     sqlite3_bind_text(s, 1, job->path, -1, SQLITE_STATIC);
     int rc = sqlite3_step(s);
     if (rc == SQLITE_ROW)
-        append_value(s, 0, job->text);
+        print_value(job->out, s, 0);
     sqlite3_finalize(s);
     return rc == SQLITE_ROW ? 0 : rc == SQLITE_DONE ? QMT_CONF_ENOENT : QMT_CONF_ESTORE;
 }
@@ -214,50 +229,46 @@ int sysconf_dump(FILE *out, const char *prefix) {
 }
 
 int sysconf_load(FILE *in, int replace) {
-    std::vector<entry> entries;
-    char *line = nullptr;
-    size_t cap = 0;
-    ssize_t n;
-    int result = 0;
-    while ((n = getline(&line, &cap, in)) >= 0) {
-        std::string_view text = trim(std::string_view(line, static_cast<size_t>(n)));
-        if (text.empty() || text.front() == '#')
-            continue;
-        entry e;
-        if (!parse_line(text, e)) {
-            result = QMT_CONF_EFORMAT;
-            break;
-        }
-        entries.push_back(std::move(e));
-    }
-    free(line);
-    if (result < 0)
-        return result;
-    load_job job{&entries, replace != 0};
+    load_job job{in, replace != 0};
     return sysconf_internal::with_db(run_load, &job);
 }
 
 int sysconf_get_path(const char *path, char *str_out, size_t cap) {
     if (path == nullptr || str_out == nullptr || cap == 0 || !valid_path(path))
         return QMT_CONF_EFORMAT;
-    get_job job{path, {}};
+    // The text form goes to the caller's buffer, cut at its capacity and terminated.
+    char *text = nullptr;
+    size_t len = 0;
+    FILE *out = open_memstream(&text, &len);
+    if (out == nullptr)
+        return QMT_CONF_ESTORE;
+    get_job job{path, out};
     int r = sysconf_internal::with_db(run_get, &job);
-    if (r == 0)
-        snprintf(str_out, cap, "%s", job.text.c_str());
+    fclose(out);
+    snprintf(str_out, cap, "%s", r == 0 && text ? text : "");
+    free(text);
     return r;
 }
 
 int sysconf_set_path(const char *path, const char *value_text) {
     if (path == nullptr || value_text == nullptr)
         return QMT_CONF_EFORMAT;
-    std::string line = std::string(path) + " = " + value_text + "\n";
-    entry e;
-    if (!parse_line(line, e))
-        return QMT_CONF_EFORMAT;
-    std::vector<entry> one{e};
-    load_job job{&one, false};
-    int r = sysconf_internal::with_db(run_load, &job);
-    return r < 0 ? r : 0;
+    size_t n = strlen(path) + strlen(value_text) + 4;
+    char *line = static_cast<char *>(malloc(n));
+    if (line == nullptr)
+        return QMT_CONF_ESTORE;
+    snprintf(line, n, "%s = %s", path, value_text);
+    // A single line loads like a file of one line, which refuses anything but one value.
+    int r = QMT_CONF_EFORMAT;
+    if (strchr(line, '\n') == nullptr) {
+        FILE *in = fmemopen(line, strlen(line), "r");
+        load_job job{in, false};
+        r = in ? sysconf_internal::with_db(run_load, &job) : QMT_CONF_ESTORE;
+        if (in)
+            fclose(in);
+    }
+    free(line);
+    return r < 0 ? r : r == 1 ? 0 : QMT_CONF_EFORMAT;
 }
 
 int sysconf_del_path(const char *path) {

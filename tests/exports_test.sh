@@ -25,6 +25,12 @@ done
 for s in $required; do
     echo "$exported" | grep -qx "$s" || { echo "missing export: $s"; bad=1; }
 done
+# Neither library needs the C++ runtime on the device.
+for l in "$lib" "$(dirname "$lib")/sysconf/libsysconf.so"; do
+    if objdump -p "$l" | grep -E 'NEEDED +lib(stdc\+\+|gcc_s)' >/dev/null; then
+        echo "$(basename "$l") needs the C++ runtime:"; objdump -p "$l" | grep NEEDED; bad=1
+    fi
+done
 soname=$(objdump -p "$lib" | awk '/SONAME/ {print $2}')
 [ "$soname" = libqmtnm.so.1 ] || { echo "SONAME is '$soname'"; bad=1; }
 [ $bad = 0 ] && echo "exports: $(echo "$exported" | wc -l) names, all documented; SONAME $soname"
