@@ -3,6 +3,8 @@
 //   qmtnm [-v] [--json] get AREA
 //   qmtnm [-v] [--host] set AREA field=value ...
 //   qmtnm areas
+//   qmtnm iface IFNAME        address, netmask and hardware address as the library reads them
+//   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
 #include "areas.h"
 
 #include "qmtnm.h"
@@ -32,6 +34,8 @@ int usage() {
     fputs("usage: qmtnm [options] get AREA\n"
           "       qmtnm [options] set AREA field=value ...\n"
           "       qmtnm areas\n"
+          "       qmtnm iface IFNAME\n"
+          "       qmtnm [--host] hosts\n"
           "options:\n"
           "  --json          print settings as JSON\n"
           "  -v, --verbose   echo the library's log lines to stderr\n"
@@ -192,13 +196,19 @@ int cmd_get(const area &a, const options &opt) {
     return 0;
 }
 
+// Changes to the machine need the emulated device, or --host.
+bool may_change_machine(const options &opt) {
+    if (opt.host || getenv("QMTNM_DEVICE"))
+        return true;
+    fputs("qmtnm: refusing to change this machine's network settings outside the emulated "
+          "device;\n       run it through sim/device, or pass --host to really do it here\n",
+          stderr);
+    return false;
+}
+
 int cmd_set(const area &a, int argc, char **argv, const options &opt) {
-    if (!opt.host && !getenv("QMTNM_DEVICE")) {
-        fputs("qmtnm: refusing to change this machine's network settings outside the emulated "
-              "device;\n       run it through sim/device, or pass --host to really do it here\n",
-              stderr);
+    if (!may_change_machine(opt))
         return 1;
-    }
     record_ptr rec = new_record(a);
     int32_t r = qmtnm_lcl_get(a.id, rec.get(), 0);
     bool need_all = r < 0;
@@ -226,6 +236,34 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     if (r < 0)
         return report(a.name, r);
     return cmd_get(a, opt);
+}
+
+int cmd_iface(const char *ifname) {
+    in_addr addr{}, mask{};
+    unsigned char hw[16] = {};
+    int32_t r = nm_get_inaddr(ifname, 0, &addr);
+    if (r == 0)
+        r = nm_get_inaddr(ifname, 2, &mask);
+    if (r == 0)
+        r = nm_get_inaddr(ifname, 4, hw);
+    if (r != 0) {
+        fprintf(stderr, "%s: %s (%d)\n", ifname, strerror(-r), r);
+        return 1;
+    }
+    char a[INET_ADDRSTRLEN], m[INET_ADDRSTRLEN];
+    inet_ntop(AF_INET, &addr, a, sizeof a);
+    inet_ntop(AF_INET, &mask, m, sizeof m);
+    // The hardware address follows the 2-byte family of the returned sockaddr.
+    printf("%s address %s netmask %s hwaddr %02x:%02x:%02x:%02x:%02x:%02x\n", ifname, a, m, hw[2],
+           hw[3], hw[4], hw[5], hw[6], hw[7]);
+    return 0;
+}
+
+int cmd_hosts(const options &opt) {
+    if (!may_change_machine(opt))
+        return 1;
+    int32_t r = update_hosts_file();
+    return r < 0 ? report("hosts", r) : 0;
 }
 
 int cmd_areas() {
@@ -269,6 +307,10 @@ int main(int argc, char **argv) {
     const char *cmd = argv[i++];
     if (!strcmp(cmd, "areas"))
         return cmd_areas();
+    if (!strcmp(cmd, "hosts") && i == argc)
+        return cmd_hosts(opt);
+    if (!strcmp(cmd, "iface") && i + 1 == argc)
+        return cmd_iface(argv[i]);
     if (i >= argc)
         return usage();
     const area *a = cli::find_area(argv[i++]);
