@@ -91,7 +91,8 @@ def main(argv):
         "BM_sql_insert")
     row("qmt_conf_printf, one int, db on disk", 1, disk, "BM_store_write", ins, disk,
         "BM_sql_insert")
-    row("load: dlopen + dlclose of libqmtnm.so", 1, loadr, "BM_load_library")
+    row("load: dlopen + dlclose of libqmtnm.so", 1, loadr, "BM_load_library/with_deps:0")
+    row("load: the same, with libsysconf and SQLite", 1, loadr, "BM_load_library/with_deps:1")
     loads = [
         (0, "get + up-to-date set, all on qos"),
         (1, "get + set, all on one pending area (locks only)"),
