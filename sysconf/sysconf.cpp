@@ -270,7 +270,8 @@ int delete_path(connection &c, std::string_view path) {
     int r = step_done(s);
     if (r == 0) {
         s = c.use(connection::DEL_TREE);
-        subtree(path).bind(s);
+        const subtree below(path); // bound without a copy: lives until the step is done
+        below.bind(s);
         r = step_done(s);
     }
     const char *end = r == 0 ? "COMMIT" : "ROLLBACK";
