@@ -14,6 +14,7 @@ using sysconf_internal::slice;
 using sysconf_internal::valid_path;
 
 constexpr size_t kMaxText = 4096; // longest string value of the text form
+constexpr const char *kInsertSql = "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)";
 
 // One value of the text form (plain storage, filled by parse_value). Strings are unescaped
 // into text.
@@ -157,14 +158,29 @@ int run_load(sqlite3 *db, void *ctx) {
         return QMT_CONF_ESTORE;
     sqlite3_stmt *s = nullptr;
     int r = QMT_CONF_ESTORE;
-    if (sqlite3_prepare_v2(db, "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)", -1, &s,
-                           nullptr) == SQLITE_OK)
+    if (sqlite3_prepare_v2(db, kInsertSql, -1, &s, nullptr) == SQLITE_OK)
         r = load_lines(db, s, *job);
     sqlite3_finalize(s);
     if (r >= 0 && sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK)
         return r;
     sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
     return r < 0 ? r : QMT_CONF_ESTORE;
+}
+
+// One value stored on its own (an autocommit transaction).
+struct set_job {
+    const char *path;
+    const value *v;
+};
+
+int run_set(sqlite3 *db, void *ctx) {
+    auto *job = static_cast<set_job *>(ctx);
+    sqlite3_stmt *s = nullptr;
+    int r = QMT_CONF_ESTORE;
+    if (sqlite3_prepare_v2(db, kInsertSql, -1, &s, nullptr) == SQLITE_OK)
+        r = insert(s, job->path, *job->v);
+    sqlite3_finalize(s);
+    return r;
 }
 
 // Prints column col of the current row in the text form.
@@ -251,24 +267,17 @@ int sysconf_get_path(const char *path, char *str_out, size_t cap) {
 }
 
 int sysconf_set_path(const char *path, const char *value_text) {
-    if (path == nullptr || value_text == nullptr)
+    if (path == nullptr || value_text == nullptr || !valid_path(path) ||
+        strchr(value_text, '\n') != nullptr)
         return QMT_CONF_EFORMAT;
-    size_t n = strlen(path) + strlen(value_text) + 4;
-    char *line = static_cast<char *>(malloc(n));
-    if (line == nullptr)
+    auto *v = static_cast<value *>(malloc(sizeof(value)));
+    if (v == nullptr)
         return QMT_CONF_ESTORE;
-    snprintf(line, n, "%s = %s", path, value_text);
-    // A single line loads like a file of one line, which refuses anything but one value.
-    int r = QMT_CONF_EFORMAT;
-    if (strchr(line, '\n') == nullptr) {
-        FILE *in = fmemopen(line, strlen(line), "r");
-        load_job job{in, false};
-        r = in ? sysconf_internal::with_db(run_load, &job) : QMT_CONF_ESTORE;
-        if (in)
-            fclose(in);
-    }
-    free(line);
-    return r < 0 ? r : r == 1 ? 0 : QMT_CONF_EFORMAT;
+    set_job job{path, v};
+    int r = parse_value(trim(value_text), *v) ? sysconf_internal::with_db(run_set, &job)
+                                              : QMT_CONF_EFORMAT;
+    free(v);
+    return r;
 }
 
 int sysconf_del_path(const char *path) {

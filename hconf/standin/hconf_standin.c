@@ -75,7 +75,6 @@ typedef int (*ioctl_fn)(int, unsigned long, ...);
 typedef int (*close_fn)(int);
 
 static open_fn real_open_p;
-static open_fn real_open64_p;
 static openat_fn real_openat_p;
 static openat_fn real_openat64_p;
 static ioctl_fn real_ioctl_p;
@@ -94,7 +93,6 @@ static void resolve(void) {
     if (real_close_p != NULL)
         return;
     real_open_p = (open_fn)next_symbol("open");
-    real_open64_p = (open_fn)next_symbol("open64");
     real_openat_p = (openat_fn)next_symbol("openat");
     real_openat64_p = (openat_fn)next_symbol("openat64");
     real_ioctl_p = (ioctl_fn)next_symbol("ioctl");
@@ -442,15 +440,21 @@ static mode_t mode_arg(int flags, va_list ap) {
     return 0;
 }
 
+/* Opens path for the caller: the device is served here, anything else by the C library (an
+ * open() is the openat() of the current directory). */
+static int route_open(int dirfd, const char *path, int flags, mode_t mode, int large) {
+    if (is_device(path))
+        return standin_open(flags);
+    resolve();
+    return forget((large ? real_openat64_p : real_openat_p)(dirfd, path, flags, mode));
+}
+
 EXPORT int open(const char *path, int flags, ...) {
     va_list ap;
     va_start(ap, flags);
     mode_t mode = mode_arg(flags, ap);
     va_end(ap);
-    if (is_device(path))
-        return standin_open(flags);
-    resolve();
-    return forget(real_open_p(path, flags, mode));
+    return route_open(AT_FDCWD, path, flags, mode, 0);
 }
 
 EXPORT int open64(const char *path, int flags, ...) {
@@ -458,10 +462,7 @@ EXPORT int open64(const char *path, int flags, ...) {
     va_start(ap, flags);
     mode_t mode = mode_arg(flags, ap);
     va_end(ap);
-    if (is_device(path))
-        return standin_open(flags);
-    resolve();
-    return forget(real_open64_p(path, flags, mode));
+    return route_open(AT_FDCWD, path, flags, mode, 1);
 }
 
 EXPORT int openat(int dirfd, const char *path, int flags, ...) {
@@ -469,10 +470,7 @@ EXPORT int openat(int dirfd, const char *path, int flags, ...) {
     va_start(ap, flags);
     mode_t mode = mode_arg(flags, ap);
     va_end(ap);
-    if (is_device(path))
-        return standin_open(flags);
-    resolve();
-    return forget(real_openat_p(dirfd, path, flags, mode));
+    return route_open(dirfd, path, flags, mode, 0);
 }
 
 EXPORT int openat64(int dirfd, const char *path, int flags, ...) {
@@ -480,10 +478,7 @@ EXPORT int openat64(int dirfd, const char *path, int flags, ...) {
     va_start(ap, flags);
     mode_t mode = mode_arg(flags, ap);
     va_end(ap);
-    if (is_device(path))
-        return standin_open(flags);
-    resolve();
-    return forget(real_openat64_p(dirfd, path, flags, mode));
+    return route_open(dirfd, path, flags, mode, 1);
 }
 
 /* Fortified builds call these; no mode is passed (O_CREAT would use the plain call). */
