@@ -10,14 +10,11 @@
 NM_PENDING_INSTANCE(br_lcl, 0, 0);
 NM_PENDING_INSTANCE(ethtype_lcl, 0, 0);
 NM_PENDING_INSTANCE(ethmac_lcl, 0, 0);
-NM_PENDING_INSTANCE(wan_lcl, 0, 0);
-NM_PENDING_INSTANCE(lan_lcl, 0, 0);
 NM_PENDING_INSTANCE(ddns_lcl, 0, 0);
 NM_PENDING_INSTANCE(pppoe_lcl, 0, 0);
 NM_PENDING_INSTANCE(upnp_lcl, 0, 0);
 NM_PENDING_INSTANCE(bonjour_lcl, 0, 0);
 NM_PENDING_INSTANCE(ipfilter_lcl, 0, 0);
-NM_PENDING_INSTANCE(wanflash_lcl, 0, 0);
 NM_PENDING_INSTANCE(doscan_lcl, 0, 5000);
 NM_PENDING_INSTANCE(scanresult_lcl, 0, 0);
 NM_PENDING_INSTANCE(sta_lcl, 200000, 0);

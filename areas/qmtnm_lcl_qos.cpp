@@ -18,7 +18,7 @@ constexpr nm::store_field kFields[] = {
              "write qos dscp fail, ret = %d\n"),
 };
 // dscp is stored only while marking is on.
-constexpr nm::store_map kStore = {"network_qos", kModule, kFields, 2, true};
+constexpr nm::store_map kStore = {"network_qos", kModule, kFields, 2, nm::stop_when::zero};
 
 int32_t get_qos_config(qos_cfg *cfg) {
     return nm::store_read(__func__, kStore, cfg);
@@ -41,7 +41,8 @@ int32_t check_qos_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
 
 int32_t qos_config_nochange(lcl_instance *, void *arg1, uintptr_t, int32_t *changed) {
     return nm::config_nochange<qos_cfg, get_qos_config>(
-        __func__, kModule, static_cast<qos_cfg *>(arg1), "get qos info fail, ret = %d\n", changed);
+        __func__, kModule, static_cast<qos_cfg *>(arg1),
+        {"calloc memory fail, ret = %d\n", "get qos info fail, ret = %d\n"}, changed);
 }
 
 // Always removes the earlier chain first, so a failure half-way leaves marking off.

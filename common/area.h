@@ -1,10 +1,12 @@
 // Shared mechanics of the configuration areas: the store mapping of a settings record, the
-// calloc-read-memcmp compare, and command formatting into a bounded buffer. An area describes
-// its record once and calls these, so its own file reads like its description.
+// calloc-read-memcmp compare, command formatting into a bounded buffer, and the test that
+// keeps stored or caller text from reaching the shell as more than one plain word. An area
+// describes its record once and calls these, so its own file reads like its description.
 #pragma once
 
 #include "qmtnm.h"
 
+#include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
 
@@ -29,25 +31,37 @@ struct store_field {
     uint16_t cap;           // string read capacity, NUL included
     const char *read_fail;  // message after the prefix, one %d for the code
     const char *write_fail; // likewise for a failed write
+    // Runs after the field was written, with a pointer to its value (the WAN address goes on
+    // into the hardware store).
+    void (*written)(const void *value) = nullptr;
 };
+
+// A switch that ends a flush early: after writing fields[switch_field], the remaining fields
+// keep their stored values when the switch reads zero (a service turned off) or nonzero (the
+// DHCP method, which keeps the static addresses).
+enum class stop_when : uint8_t { never, zero, nonzero };
 
 struct store_map {
     const char *section; // "network_qos"
     uint32_t module;     // the area's module byte
     const store_field *fields;
     size_t count;
-    bool switch_first; // first field is the enable switch: a 0 stops the write there
+    stop_when stop = stop_when::never;
+    uint8_t switch_field = 0;
+    const uint8_t *read_order = nullptr; // indices into fields, when reads take another order
 };
 
-#define NM_FIELD(rec, member, type, key, cap, rmsg, wmsg)                                          \
+// NM_FIELD(record, member, type, key, capacity, read message, write message[, written hook])
+#define NM_FIELD(rec, member, type, key, cap, rmsg, ...)                                           \
     ::nm::store_field {                                                                            \
-        key, ::nm::field_type::type, offsetof(rec, member), cap, rmsg, wmsg                        \
+        key, ::nm::field_type::type, offsetof(rec, member), cap, rmsg, __VA_ARGS__                 \
     }
 
-// Reads every field in order into record; stops at the first failure, logging its message
-// under func and returning the area's store code (reason -2).
+// Reads every field (in read_order, if given) into record; stops at the first failure, logging
+// its message under func and returning the area's store code (reason -2). An address whose
+// stored text does not parse reads as 0.0.0.0.
 int32_t store_read(const char *func, const store_map &map, void *record);
-// Writes every field in order (stopping after a zero switch when switch_first is set).
+// Writes every field in order, stopping after the switch as the map says.
 int32_t store_write(const char *func, const store_map &map, const void *record);
 
 // One value through the store, domain "network": the raw store result (negative = failure).
@@ -56,20 +70,42 @@ int store_get_str(const char *section, const char *key, char *buf, int cap);
 int store_put_int(const char *section, const char *key, int32_t value);
 int store_put_str(const char *section, const char *key, const char *value);
 
+// Reads the interface name stored under section/"port" into buf (cap bytes, cut there). The
+// name goes into shell commands and daemon files, so a stored value that is not a plain
+// interface name fails like a missing key. Returns the store's result (negative = failure).
+int store_get_ifname(const char *section, char *buf, int cap);
+
 // ---- compare ----
+struct nochange_text {
+    const char *calloc_fail; // logged with the area's memory code as its %d, if it has one
+    const char *read_fail;   // logged with the reader's code
+    int32_t failure = 0;     // when nonzero, returned for either failure instead of the code
+};
+
 using record_reader = int32_t (*)(void *stored);
 // Allocates a zeroed record of size bytes, fills it with reader, and sets *changed to whether
-// it differs from record. Logs "calloc memory fail" or read_fail (with the reader's code)
-// under func; *changed is left alone on failure.
+// it differs from record. Logs the failures under func; *changed is left alone on failure.
 int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
-                        record_reader reader, const char *read_fail, int32_t *changed);
+                        record_reader reader, const nochange_text &text, int32_t *changed);
 
 template <class Rec, int32_t (*Reader)(Rec *)>
-int32_t config_nochange(const char *func, uint32_t module, const Rec *record, const char *read_fail,
-                        int32_t *changed) {
+int32_t config_nochange(const char *func, uint32_t module, const Rec *record,
+                        const nochange_text &text, int32_t *changed) {
     record_reader read = [](void *stored) { return Reader(static_cast<Rec *>(stored)); };
-    return config_nochange(func, module, record, sizeof(Rec), read, read_fail, changed);
+    return config_nochange(func, module, record, sizeof(Rec), read, text, changed);
 }
+
+// ---- text ----
+// Whether s is a plain name: 1 to 63 letters, digits, '.', '-' or '_', not starting with '-'.
+// Such a name is one word to the shell, one field on a file's line, and never an option.
+bool plain_name(const char *s);
+
+// An IPv4 address as dotted-quad text, for a command or a file line:
+// nm::dotted(addr).text lives until the end of the full expression.
+struct dotted {
+    char text[INET_ADDRSTRLEN];
+    explicit dotted(in_addr addr) { inet_ntop(AF_INET, &addr, text, sizeof text); }
+};
 
 // ---- commands ----
 // Formats the command into a buffer of cap bytes (cut at that size) and runs it with system().

@@ -30,7 +30,7 @@ int read_field(const char *section, const store_field &f, void *record) {
     case field_type::inaddr: {
         char text[kAddrCap] = {};
         int r = store_get_str(section, f.key, text, kAddrCap);
-        if (r >= 0 && inet_pton(AF_INET, text, at<in_addr>(record, f.offset)) != 1)
+        if (r >= 0 && inet_aton(text, at<in_addr>(record, f.offset)) == 0)
             at<in_addr>(record, f.offset)->s_addr = 0;
         return r;
     }
@@ -74,9 +74,16 @@ int store_put_str(const char *section, const char *key, const char *value) {
     return qmt_conf_printf(kDomain, "%k%k%s", section, key, value);
 }
 
+int store_get_ifname(const char *section, char *buf, int cap) {
+    int r = store_get_str(section, "port", buf, cap);
+    if (r >= 0 && !plain_name(buf))
+        return -1;
+    return r;
+}
+
 int32_t store_read(const char *func, const store_map &map, void *record) {
     for (size_t i = 0; i < map.count; ++i) {
-        const store_field &f = map.fields[i];
+        const store_field &f = map.fields[map.read_order ? map.read_order[i] : i];
         if (read_field(map.section, f, record) < 0) {
             int32_t code = err(map.module, QMTNM_R_STORE);
             log(LOG_GATE_ERR, func, f.read_fail, code);
@@ -94,24 +101,29 @@ int32_t store_write(const char *func, const store_map &map, const void *record) 
             log(LOG_GATE_ERR, func, f.write_fail, code);
             return code;
         }
-        if (i == 0 && map.switch_first && *at<int32_t>(record, f.offset) == 0)
-            break;
+        if (f.written)
+            f.written(at<char>(record, f.offset));
+        if (i == map.switch_field && map.stop != stop_when::never) {
+            bool off = *at<int32_t>(record, f.offset) == 0;
+            if (off == (map.stop == stop_when::zero))
+                break;
+        }
     }
     return 0;
 }
 
 int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
-                        record_reader reader, const char *read_fail, int32_t *changed) {
+                        record_reader reader, const nochange_text &text, int32_t *changed) {
     unique_heap<void> stored(calloc(1, size));
     if (!stored) {
         int32_t code = err(module, QMTNM_R_NOMEM);
-        log(LOG_GATE_ERR, func, "calloc memory fail, ret = %d\n", code);
-        return code;
+        log(LOG_GATE_ERR, func, text.calloc_fail, code);
+        return text.failure ? text.failure : code;
     }
     int32_t r = reader(stored.get());
     if (r < 0) {
-        log(LOG_GATE_ERR, func, read_fail, r);
-        return r;
+        log(LOG_GATE_ERR, func, text.read_fail, r);
+        return text.failure ? text.failure : r;
     }
     *changed = memcmp(record, stored.get(), size) != 0 ? 1 : 0;
     return 0;

@@ -7,6 +7,7 @@
 #ifndef QMTNM_H
 #define QMTNM_H
 
+#include <stddef.h>
 #include <stdint.h>
 #include <netinet/in.h>
 #include <semaphore.h>
@@ -119,6 +120,32 @@ typedef struct qmtnm_qos_cfg {
     int32_t dscp;   /* 0..63; checked as unsigned */
 } qmtnm_qos_cfg;
 QMTNM_STATIC_ASSERT(sizeof(qmtnm_qos_cfg) == 8, "QoS record is 8 bytes");
+
+/* wan_lcl: the WAN port, run by a DHCP client or with static settings. A get returns the live
+ * state (pass the record's size as the get's second argument: that many bytes are cleared
+ * first); wanflash_lcl's get returns the stored settings. */
+typedef struct qmtnm_wan_cfg {
+    uint32_t method;       /* 0 static settings, 1 DHCP client */
+    struct in_addr ipaddr; /* all addresses in network byte order */
+    struct in_addr netmask;
+    struct in_addr gateway; /* default gateway */
+    struct in_addr dns1;    /* name servers */
+    struct in_addr dns2;
+} qmtnm_wan_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_wan_cfg) == 24, "WAN record is six 32-bit words");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_wan_cfg, dns2) == 20, "WAN record: dns2 is the sixth word");
+
+/* lan_lcl: the LAN address and the DHCP server's pool. The device's address is also the router
+ * and name server it hands out. */
+typedef struct qmtnm_lan_cfg {
+    uint32_t method;       /* DHCP server: 0 off, 1 on */
+    struct in_addr ipaddr; /* all addresses in network byte order */
+    struct in_addr netmask;
+    struct in_addr begin; /* first and last address of the pool, in one subnet */
+    struct in_addr end;
+} qmtnm_lan_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_lan_cfg) == 20, "LAN record is five 32-bit words");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_lan_cfg, end) == 16, "LAN record: end is the fifth word");
 
 /* ---- exported calls and data ---------------------------------------------------------- */
 QMTNM_API int32_t qmtnm_lcl_set(uint32_t id, void *arg1, uintptr_t arg2);

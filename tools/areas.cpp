@@ -12,17 +12,35 @@ namespace {
     field {                                                                                        \
 #member, ftype::type, offsetof(rec, member), sizeof(rec::member)                           \
     }
-#define CLI_AREA(name, id, rec, fields)                                                            \
+// CLI_AREA_AS: an area whose set starts from another instance's get, or that cannot be set.
+#define CLI_AREA_AS(name, id, rec, fields, stored_id, settable)                                    \
     area {                                                                                         \
-        name, name "_lcl", id, sizeof(rec), fields, std::size(fields)                              \
+        name, name "_lcl", id, sizeof(rec), fields, std::size(fields), stored_id, settable         \
     }
+#define CLI_AREA(name, id, rec, fields) CLI_AREA_AS(name, id, rec, fields, id, true)
 
 const field qos_fields[] = {
     CLI_FIELD(qmtnm_qos_cfg, enable, i32),
     CLI_FIELD(qmtnm_qos_cfg, dscp, i32),
 };
 
+const field wan_fields[] = {
+    CLI_FIELD(qmtnm_wan_cfg, method, u32),   CLI_FIELD(qmtnm_wan_cfg, ipaddr, ipv4),
+    CLI_FIELD(qmtnm_wan_cfg, netmask, ipv4), CLI_FIELD(qmtnm_wan_cfg, gateway, ipv4),
+    CLI_FIELD(qmtnm_wan_cfg, dns1, ipv4),    CLI_FIELD(qmtnm_wan_cfg, dns2, ipv4),
+};
+
+const field lan_fields[] = {
+    CLI_FIELD(qmtnm_lan_cfg, method, u32),   CLI_FIELD(qmtnm_lan_cfg, ipaddr, ipv4),
+    CLI_FIELD(qmtnm_lan_cfg, netmask, ipv4), CLI_FIELD(qmtnm_lan_cfg, begin, ipv4),
+    CLI_FIELD(qmtnm_lan_cfg, end, ipv4),
+};
+
 const area all_areas[] = {
+    // wan reports the live port; a set starts from the stored settings (wanflash).
+    CLI_AREA_AS("wan", QMTNM_ID_WAN, qmtnm_wan_cfg, wan_fields, QMTNM_ID_WANFLASH, true),
+    CLI_AREA_AS("wanflash", QMTNM_ID_WANFLASH, qmtnm_wan_cfg, wan_fields, QMTNM_ID_WANFLASH, false),
+    CLI_AREA("lan", QMTNM_ID_LAN, qmtnm_lan_cfg, lan_fields),
     CLI_AREA("qos", QMTNM_ID_QOS, qmtnm_qos_cfg, qos_fields),
 };
 

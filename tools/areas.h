@@ -28,6 +28,8 @@ struct area {
     size_t record_size;
     const field *fields;
     size_t field_count;
+    uint32_t stored_id; // the instance whose get gives the stored record a set starts from
+    bool settable;      // false for the areas that only report
 };
 
 // The area called name (short or instance name), or null.

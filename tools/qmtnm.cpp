@@ -69,6 +69,11 @@ const char *reason_text(int32_t reason) {
 }
 
 int report(const char *who, int32_t code) {
+    // A live reading of an interface passes the system's -errno on.
+    if ((static_cast<uint32_t>(code) & 0xFF000000u) != 0xFD000000u) {
+        fprintf(stderr, "%s: %s (%d)\n", who, strerror(-code), code);
+        return 1;
+    }
     fprintf(stderr, "%s: %s (0x%08X)\n", who, reason_text(QMTNM_ERR_REASON(code)),
             static_cast<unsigned>(code));
     return 1;
@@ -187,9 +192,14 @@ record_ptr new_record(const area &a) {
     return record_ptr(calloc(1, a.record_size), &free);
 }
 
+// A get passes the record's size as its second argument (the live WAN reading clears that much).
+int32_t get_record(uint32_t id, const area &a, void *rec) {
+    return qmtnm_lcl_get(id, rec, a.record_size);
+}
+
 int cmd_get(const area &a, const options &opt) {
     record_ptr rec = new_record(a);
-    int32_t r = qmtnm_lcl_get(a.id, rec.get(), 0);
+    int32_t r = get_record(a.id, a, rec.get());
     if (r < 0)
         return report(a.name, r);
     print_record(a, rec.get(), opt.json);
@@ -207,10 +217,14 @@ bool may_change_machine(const options &opt) {
 }
 
 int cmd_set(const area &a, int argc, char **argv, const options &opt) {
+    if (!a.settable) {
+        fprintf(stderr, "qmtnm: %s only reports; it cannot be set\n", a.name);
+        return 2;
+    }
     if (!may_change_machine(opt))
         return 1;
     record_ptr rec = new_record(a);
-    int32_t r = qmtnm_lcl_get(a.id, rec.get(), 0);
+    int32_t r = get_record(a.stored_id, a, rec.get());
     bool need_all = r < 0;
     if (need_all) {
         report(a.name, r);
@@ -268,7 +282,7 @@ int cmd_hosts(const options &opt) {
 
 int cmd_areas() {
     for (const area *a = cli::areas_begin(); a != cli::areas_end(); ++a) {
-        printf("%-10s %-14s id %2u:", a->name, a->instance, a->id);
+        printf("%-10s %-14s id %2u%s:", a->name, a->instance, a->id, a->settable ? "" : " (get)");
         for (size_t i = 0; i < a->field_count; ++i)
             printf(" %s", a->fields[i].name);
         putchar('\n');
