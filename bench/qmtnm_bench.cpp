@@ -1,11 +1,12 @@
-// Latency of the library's calls on the QoS area, of the settings store beneath them, and of
-// the bare SQL the store executes on a prepared connection (the floor), in one process and in
-// several at once.
+// Latency of the library's calls on the QoS, WAN and LAN areas, of the settings store beneath
+// them, and of the bare SQL the store executes on a prepared connection (the floor), in one
+// process and in several at once.
 //
-// The store holds QoS {enable 1, dscp 46} throughout, and every set passes that same record, so
-// a set stops at the compare ("config is up-to-date") and never reaches iptables. system() is
-// defined here, counts the commands the library would run and runs none: a benchmark whose
-// calls ran any command fails.
+// The store holds QoS {enable 1, dscp 46} and the factory LAN settings throughout, and every set
+// passes the stored record, so a set stops at the compare ("config is up-to-date") and never
+// reaches a command. system() is defined here, counts the commands the library would run and
+// runs none: a benchmark whose calls ran any command fails. The live WAN reading needs an eth0
+// with an address, a default route and /var/nm/resolv.conf, which scripts/bench provides.
 //
 // The library is loaded with dlopen() after the namespace check, because its start-up creates
 // semaphores and the activate flag in /dev/shm.
@@ -44,6 +45,11 @@ constexpr int32_t kDscp = 46;
 constexpr const char *kEnablePath = "network/network_qos/enable";
 constexpr const char *kDscpPath = "network/network_qos/dscp";
 const int32_t kInvalid = QMTNM_ERR(QMTNM_MOD_QOS, QMTNM_R_INVALID);
+// What the reads of the floor fetch: a QoS get's two values, a LAN get's six.
+constexpr const char *kQosPaths[] = {kEnablePath, kDscpPath};
+constexpr const char *kLanPaths[] = {"network/network_lan/port",    "network/network_lan/ipaddr",
+                                     "network/network_lan/netmask", "network/network_lan/method",
+                                     "network/network_lan/begin",   "network/network_lan/end"};
 
 // ---- the library, resolved at run time ---------------------------------------------------
 
@@ -77,6 +83,17 @@ void seed_store() {
     qmtnm_qos_cfg got = {};
     if (lcl_get(QMTNM_ID_QOS, &got, 0) != 0 || got.enable != kEnable || got.dscp != kDscp) {
         fprintf(stderr, "benchmark: the library does not read back the seeded QoS record\n");
+        exit(2);
+    }
+    qmtnm_wan_cfg wan = {};
+    qmtnm_lan_cfg lan = {};
+    if (lcl_get(QMTNM_ID_WAN, &wan, sizeof wan) != 0 || wan.ipaddr.s_addr == 0 ||
+        wan.gateway.s_addr == 0 || wan.dns1.s_addr == 0) {
+        fprintf(stderr, "benchmark: no live WAN reading (eth0, default route, resolver file)\n");
+        exit(2);
+    }
+    if (lcl_get(QMTNM_ID_LAN, &lan, 0) != 0 || lan.method != 1 || lan.begin.s_addr == 0) {
+        fprintf(stderr, "benchmark: the library does not read back the factory LAN settings\n");
         exit(2);
     }
 }
@@ -120,6 +137,54 @@ void BM_lcl_set_qos_uptodate(benchmark::State &st) {
     *log_level = saved;
 }
 BENCHMARK(BM_lcl_set_qos_uptodate)->Arg(1)->Arg(0);
+
+// The live WAN port: two store reads, two interface queries, the route table and the resolver.
+void BM_lcl_get_wan(benchmark::State &st) {
+    long before = commands.load();
+    for (auto _ : st) {
+        qmtnm_wan_cfg c;
+        if (lcl_get(QMTNM_ID_WAN, &c, sizeof c) != 0 || c.gateway.s_addr == 0) {
+            st.SkipWithError("qmtnm_lcl_get(wan) failed");
+            break;
+        }
+        benchmark::DoNotOptimize(c);
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_get_wan);
+
+// The LAN on the bridge: six store reads, for a get and for an up-to-date set alike.
+void BM_lcl_get_lan(benchmark::State &st) {
+    long before = commands.load();
+    for (auto _ : st) {
+        qmtnm_lan_cfg c = {};
+        if (lcl_get(QMTNM_ID_LAN, &c, 0) != 0 || c.method != 1) {
+            st.SkipWithError("qmtnm_lcl_get(lan) failed");
+            break;
+        }
+        benchmark::DoNotOptimize(c);
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_get_lan);
+
+void BM_lcl_set_lan_uptodate(benchmark::State &st) {
+    qmtnm_lan_cfg stored = {};
+    if (lcl_get(QMTNM_ID_LAN, &stored, 0) != 0) {
+        st.SkipWithError("qmtnm_lcl_get(lan) failed");
+        return;
+    }
+    long before = commands.load();
+    for (auto _ : st) {
+        qmtnm_lan_cfg c = stored;
+        if (lcl_set(QMTNM_ID_LAN, &c, 0) != 0) {
+            st.SkipWithError("qmtnm_lcl_set(lan) failed");
+            break;
+        }
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_set_lan_uptodate);
 
 // enable = 2: rejected by the check, before any lock, with one error line in the log.
 void BM_lcl_set_qos_check_fail(benchmark::State &st) {
@@ -191,6 +256,17 @@ struct sql_conn {
         sqlite3_reset(select);
         return v;
     }
+    // One value of any type, its text copied out as the store copies a string; false if missing.
+    bool read_text(const char *path, char (&out)[64]) {
+        sqlite3_bind_text(select, 1, path, -1, SQLITE_STATIC);
+        bool ok = sqlite3_step(select) == SQLITE_ROW;
+        if (ok) {
+            const unsigned char *t = sqlite3_column_text(select, 0);
+            snprintf(out, sizeof out, "%s", t ? reinterpret_cast<const char *>(t) : "");
+        }
+        sqlite3_reset(select);
+        return ok;
+    }
     bool write(const char *path, int v) {
         sqlite3_bind_text(insert, 1, path, -1, SQLITE_STATIC);
         sqlite3_bind_int(insert, 2, v);
@@ -201,22 +277,28 @@ struct sql_conn {
 };
 
 // Argument: statements per iteration; 1 as in one store read, 2 (enable and dscp) as in a get
-// or an up-to-date set of QoS.
+// or an up-to-date set of QoS, 6 as in a get or an up-to-date set of the LAN.
 void BM_sql_select(benchmark::State &st) {
     sql_conn c;
     if (!c.open(sysconf_db_path())) {
         st.SkipWithError("cannot open the store's database");
         return;
     }
-    bool both = st.range(0) == 2;
+    const auto n = static_cast<size_t>(st.range(0));
+    const char *const *paths = n == 6 ? kLanPaths : kQosPaths;
+    char value[64];
     for (auto _ : st) {
-        if (c.read(kEnablePath) != kEnable || (both && c.read(kDscpPath) != kDscp)) {
+        bool ok = true;
+        for (size_t i = 0; i < n; ++i)
+            ok = c.read_text(paths[i], value) && ok;
+        if (!ok) {
             st.SkipWithError("SELECT failed");
             break;
         }
+        benchmark::DoNotOptimize(value);
     }
 }
-BENCHMARK(BM_sql_select)->Arg(1)->Arg(2);
+BENCHMARK(BM_sql_select)->Arg(1)->Arg(2)->Arg(6);
 
 void BM_sql_insert(benchmark::State &st) {
     sql_conn c;
@@ -238,15 +320,15 @@ BENCHMARK(BM_sql_insert);
 // What each process does in a round: `pairs` times one get and one set of its instance.
 //   0 qos: every process on qos_lcl (id 11): both semaphores of one area, two store reads per
 //     call, the set up to date.
-//   1 one pending area: every process on wanflash_lcl (id 12), whose area has no operations yet:
+//   1 one pending area: every process on doscan_lcl (id 13), whose area has no operations yet:
 //     the same lock traffic on one area, no store access.
-//   2 own pending areas: process i on its own instance of ids 12, 13, 14, 17 (no operations):
+//   2 own pending areas: process i on its own instance of ids 13, 14, 17, 18 (no operations):
 //     the lock traffic with nothing shared.
 //   3 floor: no library; each process runs the two SELECTs of a QoS call, twice per pair, on a
 //     prepared connection of its own.
 enum workload { qos = 0, one_pending = 1, own_pending = 2, sql_floor = 3 };
-constexpr uint32_t kPendingIds[] = {QMTNM_ID_WANFLASH, QMTNM_ID_DOSCAN, QMTNM_ID_SCANRESULT,
-                                    QMTNM_ID_STAPIN};
+constexpr uint32_t kPendingIds[] = {QMTNM_ID_DOSCAN, QMTNM_ID_SCANRESULT, QMTNM_ID_STAPIN,
+                                    QMTNM_ID_APPIN};
 constexpr int kMaxProcs = 4;
 
 // Rounds of some tens of milliseconds, so that waking the processes is lost in the noise.
@@ -270,7 +352,7 @@ class worker {
             id_ = QMTNM_ID_QOS;
             break;
         case one_pending:
-            id_ = QMTNM_ID_WANFLASH;
+            id_ = kPendingIds[0];
             break;
         case own_pending:
             id_ = kPendingIds[proc];

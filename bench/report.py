@@ -86,6 +86,11 @@ def main(argv):
     row("qmtnm_lcl_set(qos) up to date, log level 0", 1, tmpfs, "BM_lcl_set_qos_uptodate/0",
         sel2, tmpfs, "BM_sql_select/2")
     row("qmtnm_lcl_set(qos) check failure", 1, tmpfs, "BM_lcl_set_qos_check_fail")
+    row("qmtnm_lcl_get(wan), live port, routes, resolver", 1, tmpfs, "BM_lcl_get_wan", sel2,
+        tmpfs, "BM_sql_select/2")
+    row("qmtnm_lcl_get(lan)", 1, tmpfs, "BM_lcl_get_lan", "6 SELECTs", tmpfs, "BM_sql_select/6")
+    row("qmtnm_lcl_set(lan) up to date, log level 1", 1, tmpfs, "BM_lcl_set_lan_uptodate",
+        "6 SELECTs", tmpfs, "BM_sql_select/6")
     row("qmt_conf_scanf, one int", 1, tmpfs, "BM_store_read", sel1, tmpfs, "BM_sql_select/1")
     row("qmt_conf_printf, one int, db on tmpfs", 1, tmpfs, "BM_store_write", ins, tmpfs,
         "BM_sql_insert")
