@@ -43,8 +43,9 @@ constexpr nm::store_map kAddrStore = {kSection, kModule, kFields, 2};
 constexpr nm::store_map kPoolStore = {kSection, kModule, kFields + 2, 3};
 
 // The stored settings; for a port other than the bridge, the address and netmask are the
-// interface's own, and an interface without an address reads as an empty record.
-int32_t get_lan_config(lan_cfg *cfg) {
+// interface's own, and an interface without an address reads as an empty record. Kept out of
+// line: the get and the compare share one copy.
+[[gnu::noinline]] int32_t get_lan_config(lan_cfg *cfg) {
     char port[6] = {};
     if (nm::store_get_ifname(kSection, port, sizeof port) < 0) {
         NM_ERR("read lan port fail, errno = %d\n", kStoreFail);
