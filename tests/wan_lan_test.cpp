@@ -310,7 +310,7 @@ TEST_F(LiveWan, GatewayIsTheFirstUpGatewayRouteOnThePort) {
     ip_cmd("route add 192.0.2.0/24 dev wanport");
     qmtnm_wan_cfg c = get();
     ASSERT_EQ(last_, 0);
-    EXPECT_EQ(c.method, 1u);
+    EXPECT_EQ(c.method, 0u);
     EXPECT_EQ(text(c.ipaddr), "10.20.30.40");
     EXPECT_EQ(text(c.netmask), "255.255.255.0");
     EXPECT_EQ(c.gateway.s_addr, 0u) << "no gateway route on the port";

@@ -249,7 +249,9 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     r = qmtnm_lcl_set(a.id, rec.get(), 0);
     if (r < 0)
         return report(a.name, r);
-    return cmd_get(a, opt);
+    // What is stored now (for wan: wanflash; its live port may still be on its way up).
+    const area *stored = cli::find_area(cli::area_name_by_id(a.stored_id));
+    return cmd_get(stored ? *stored : a, opt);
 }
 
 int cmd_iface(const char *ifname) {
