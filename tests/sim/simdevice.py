@@ -19,10 +19,19 @@ DEVICE = os.path.join(TOP, "sim", "device")
 
 class Device:
     def __init__(self):
-        self.build = os.path.realpath(os.environ.get("QMTNM_BUILD", os.path.join(TOP, "build")))
+        # QMTNM_SIM=mips: the full-system device, which runs the device build (build-mips).
+        self.mips = os.environ.get("QMTNM_SIM") == "mips"
+        if self.mips:
+            self.build = os.path.realpath(
+                os.environ.get("QMTNM_MIPS_BUILD", os.path.join(TOP, "build-mips")))
+        else:
+            self.build = os.path.realpath(
+                os.environ.get("QMTNM_BUILD", os.path.join(TOP, "build")))
         self.state = os.path.realpath(
             os.environ.get("QMTNM_SIM_STATE", os.path.join(self.build, "sim-state")))
         self.env = dict(os.environ, QMTNM_BUILD=self.build, QMTNM_SIM_STATE=self.state)
+        if self.mips:
+            self.env["QMTNM_MIPS_BUILD"] = self.build
         self.log_path = os.path.join(self.state, "log", "messages")
 
     # ---- running things ----
@@ -31,8 +40,10 @@ class Device:
         # Output goes through files, not pipes: a daemon that a command starts in the background
         # keeps the command's output open, and a pipe would not end until the daemon does.
         with tempfile.TemporaryFile("w+") as out, tempfile.TemporaryFile("w+") as err:
+            # Without input the command gets /dev/null, not whatever the test runner holds.
             p = subprocess.run([DEVICE] + list(args), env=self.env, stdout=out, stderr=err,
-                               text=True, timeout=timeout, input=input)
+                               text=True, timeout=timeout, input=input,
+                               stdin=subprocess.DEVNULL if input is None else None)
             out.seek(0)
             err.seek(0)
             r = subprocess.CompletedProcess(p.args, p.returncode, out.read(), err.read())
@@ -58,7 +69,8 @@ class Device:
 
     def popen_on(self, machine, *cmd):
         return subprocess.Popen([DEVICE, machine] + list(cmd), env=self.env,
-                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE, text=True)
 
     # ---- power ----
 
