@@ -3,10 +3,12 @@
 dynamic-DNS provider's update host, which the device reaches by that host name (its /etc/hosts
 points the name at the router).
 
-It answers every GET like a provider ("good <address>") and records each request as one JSON
-line in the record file: the method, the raw path, the path without the query, the query's
-parameters (percent-decoded, each name with the list of its values), and the Basic credentials
-that came with it, decoded ("user" and "password", null when none were sent).
+Like a provider it asks for credentials: a GET without Basic credentials is answered 401 with a
+challenge (clients such as GNU wget send them only then; busybox wget sends them at once), and a
+GET with them "good <address>". Each request is recorded as one JSON line in the record file: the
+status answered, the raw path, the path without the query, the query's parameters
+(percent-decoded, each name with the list of its values), and the Basic credentials decoded
+("user" and "password", null when none were sent).
 
   ddns-provider-standin.py [--port N] [--record FILE]
       defaults: port 80, record /run/ddns-provider.jsonl
@@ -29,8 +31,9 @@ class Handler(BaseHTTPRequestHandler):
         if auth.startswith("Basic "):
             raw = base64.b64decode(auth[6:]).decode("utf-8", "replace")
             user, _, password = raw.partition(":")
+        status = 200 if user is not None else 401
         entry = {
-            "method": "GET",
+            "status": status,
             "raw_path": self.path,
             "path": url.path,
             "query": urllib.parse.parse_qs(url.query, keep_blank_values=True),
@@ -40,8 +43,10 @@ class Handler(BaseHTTPRequestHandler):
         }
         with open(self.record, "a") as f:
             f.write(json.dumps(entry) + "\n")
-        body = f"good {self.client_address[0]}\n".encode()
-        self.send_response(200)
+        body = (f"good {self.client_address[0]}\n" if status == 200 else "badauth\n").encode()
+        self.send_response(status)
+        if status == 401:
+            self.send_header("WWW-Authenticate", 'Basic realm="DDNS update"')
         self.send_header("Content-Type", "text/plain")
         self.send_header("Content-Length", str(len(body)))
         self.end_headers()
