@@ -72,7 +72,7 @@ class Wan(WiredCase):
         self.assertRegex(leases, rf"(?m)^{re.escape(mac)}\s+{re.escape(ip)}\s")
         # Only the method is stored: the static settings stay as they were.
         stored = self.json("wanflash")
-        self.assertEqual((stored["method"], stored["ipaddr"]), (1, "192.168.0.100"))
+        self.assertEqual((stored["method"], stored["ipaddr"]), (1, "10.99.0.2"))
 
     def test_2_static_address_route_resolver_and_hardware_store(self):
         self.qmtnm("set", "wan", *STATIC)
@@ -154,13 +154,17 @@ class ActivateFlag(WiredCase):
         self.dev.run("qmtnm", "get", "lan")
         self.dev.set_activate_flag(0)
         routes = self.dev.out("ip", "route")
+        # The DHCP server the boot apply started, with its configuration.
+        udhcpd = self.dev.out("pidof", "udhcpd")
+        udhcpd_conf = self.dev.out("cat", "/var/nm/udhcpd.conf")
         mark = self.dev.log_size()
         self.qmtnm("set", "wan", *STATIC)
         self.qmtnm("set", "lan", "ipaddr=192.168.9.1", "begin=192.168.9.10", "end=192.168.9.20")
         self.assertEqual(self.addrs("eth0"), ["10.99.0.2/24"])
         self.assertEqual(self.addrs("br0"), ["192.168.1.1/24"])
         self.assertEqual(self.dev.out("ip", "route"), routes)
-        self.assertEqual(self.processes("udhcpd"), [])
+        self.assertEqual(self.dev.out("pidof", "udhcpd"), udhcpd)
+        self.assertEqual(self.dev.out("cat", "/var/nm/udhcpd.conf"), udhcpd_conf)
         self.assertEqual(self.dev.out("sysconf", "get", "network/network_wan/ipaddr").strip(),
                          '"10.99.0.7"')
         self.assertEqual(self.dev.out("sysconf", "get", "network/network_lan/begin").strip(),
