@@ -43,12 +43,7 @@ int32_t get_ddns_config(ddns_cfg *cfg) {
     return nm::store_read(__func__, kStore, cfg);
 }
 
-// A text field of the record, terminated even when it fills its 32 bytes.
-struct field_text {
-    char text[kTextMax + 1] = {};
-    explicit field_text(const char (&field)[kTextMax]) { memcpy(text, field, kTextMax); }
-    bool length_ok() const { return strlen(text) - 1 < kTextMax; } // 1 to 32
-};
+using field_text = nm::field_text<kTextMax>;
 
 int32_t invalid(const char *what) {
     nm::log(nm::LOG_GATE_ERR, "check_ddns_info_grammar", what, kInvalid);

@@ -47,11 +47,7 @@ int32_t get_pppoe_config(pppoe_cfg *cfg) {
     return 0;
 }
 
-// A name of the record as text: at most the field's 32 characters, terminated.
-struct field_text {
-    char text[kNameMax + 1] = {};
-    explicit field_text(const char (&field)[kNameMax]) { memcpy(text, field, kNameMax); }
-};
+using field_text = nm::field_text<kNameMax>;
 
 // Lengths 1 to 32. The names go into pppd's files inside double quotes: a line break or other
 // control character is refused, a quote or backslash is escaped when the files are written.
@@ -60,11 +56,11 @@ int32_t check_pppoe_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     if (cfg->enable == 0)
         return 0;
     field_text user(cfg->username), pass(cfg->password);
-    if (strlen(user.text) - 1 >= kNameMax) {
+    if (!user.length_ok()) {
         NM_ERR("pppoe username length FAIL of range!, errno = %d", kInvalid);
         return kInvalid;
     }
-    if (strlen(pass.text) - 1 >= kNameMax) {
+    if (!pass.length_ok()) {
         NM_ERR("pppoe password length FAIL of range!, errno = %d", kInvalid);
         return kInvalid;
     }

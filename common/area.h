@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace nm {
 
@@ -118,6 +119,15 @@ bool url_encode(const char *s, char *out, size_t cap);
 // s for a double-quoted word of pppd's option and secrets files: a double quote or backslash
 // gets a backslash before it. Writes at most cap bytes, NUL included; false if cut.
 bool pppd_escape(const char *s, char *out, size_t cap);
+
+// A text field of a record as a terminated string, also when the text fills all N bytes of the
+// field: nm::field_text(cfg->username).text.
+template <size_t N> struct field_text {
+    char text[N + 1] = {};
+    explicit field_text(const char (&field)[N]) { memcpy(text, field, N); }
+    // Whether the text has 1 to N characters.
+    bool length_ok() const { return strlen(text) - 1 < N; }
+};
 
 // An IPv4 address as dotted-quad text, for a command or a file line:
 // nm::dotted(addr).text lives until the end of the full expression.

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+using nmtest::file_text;
 using nmtest::logged;
 using nmtest::logs;
 using strings = std::vector<std::string>;
@@ -25,26 +26,10 @@ const int32_t kMacInvalid = static_cast<int32_t>(0xFDFDFFF9);
 const int32_t kPppoeInvalid = static_cast<int32_t>(0xFDF9FFF9);
 const int32_t kDdnsInvalid = static_cast<int32_t>(0xFDFAFFF9);
 
-std::string file(const char *path) {
-    std::ifstream f(path);
-    if (!f)
-        return "<missing>";
-    std::ostringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
-
 int32_t stored_int(const char *section, const char *key) {
     int v = -100;
     EXPECT_GE(qmt_conf_scanf("network", "%k%k%d", section, key, &v), 0) << section << key;
     return v;
-}
-
-std::string stored_str(const char *section, const char *key) {
-    char buf[64] = {};
-    if (qmt_conf_scanf("network", "%k%k%l%s", section, key, static_cast<int>(sizeof buf), buf) < 0)
-        return "<missing>";
-    return buf;
 }
 
 template <size_t N> void put(char (&field)[N], const std::string &text) {
@@ -251,23 +236,23 @@ std::string options_file(const std::string &name_line) {
 }
 
 TEST_F(Port, PppoeSetIsStoredAndAsksForARebootWithoutTouchingPppd) {
-    const std::string options = file("/etc/ppp/options");
+    const std::string options = file_text("/etc/ppp/options");
     qmtnm_pppoe_cfg c = pppoe(1, "alice", "s3cret");
     ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_PPPOE, &c, 0), 0);
     EXPECT_EQ(nmtest::activate_flag(), 0u);
     EXPECT_TRUE(nmtest::commands().empty());
-    EXPECT_EQ(file("/etc/ppp/options"), options);
+    EXPECT_EQ(file_text("/etc/ppp/options"), options);
     EXPECT_EQ(logs().texts(), (strings{logged("pppoe_activate_now", "function request reboot"),
                                        logged("qmtnm_lcl_set", "need reboot to activate action")}));
     EXPECT_EQ(stored_int("network_pppoe", "enable"), 1);
-    EXPECT_EQ(stored_str("network_pppoe", "username"), "alice");
-    EXPECT_EQ(stored_str("network_pppoe", "password"), "s3cret");
+    EXPECT_EQ(nmtest::stored_str("network_pppoe", "username"), "alice");
+    EXPECT_EQ(nmtest::stored_str("network_pppoe", "password"), "s3cret");
 
     // Off stores the switch alone; the account stays for the next time.
     qmtnm_pppoe_cfg off = pppoe(0, "", "");
     ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_PPPOE, &off, 0), 0);
     EXPECT_EQ(stored_int("network_pppoe", "enable"), 0);
-    EXPECT_EQ(stored_str("network_pppoe", "username"), "alice");
+    EXPECT_EQ(nmtest::stored_str("network_pppoe", "username"), "alice");
     qmtnm_pppoe_cfg got = pppoe(-1, "x", "x");
     got.connected = 5;
     ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_PPPOE, &got, 0), 0);
@@ -303,9 +288,9 @@ TEST_F(Port, PppoeApplyWritesOptionsAndSecretsThenStartsPppd) {
         qmtnm_pppoe_cfg c = pppoe(1, r.user, r.pass);
         ASSERT_EQ(check_ok(c), 0);
         ASSERT_EQ(apply(pppoe_lcl, &c), 0);
-        EXPECT_EQ(file("/etc/ppp/options"), options_file(r.name_line));
-        EXPECT_EQ(file("/etc/ppp/pap-secrets"), r.secret);
-        EXPECT_EQ(file("/etc/ppp/chap-secrets"), r.secret);
+        EXPECT_EQ(file_text("/etc/ppp/options"), options_file(r.name_line));
+        EXPECT_EQ(file_text("/etc/ppp/pap-secrets"), r.secret);
+        EXPECT_EQ(file_text("/etc/ppp/chap-secrets"), r.secret);
         EXPECT_EQ(nmtest::commands(), (strings{"killall pppd &>/dev/null", "pppd &"}));
     }
     // Off only stops pppd; its files stay.
@@ -313,7 +298,7 @@ TEST_F(Port, PppoeApplyWritesOptionsAndSecretsThenStartsPppd) {
     qmtnm_pppoe_cfg off = pppoe(0, "", "");
     ASSERT_EQ(apply(pppoe_lcl, &off), 0);
     EXPECT_EQ(nmtest::commands(), strings{"killall pppd &>/dev/null"});
-    EXPECT_NE(file("/etc/ppp/options"), "<missing>");
+    EXPECT_NE(file_text("/etc/ppp/options"), "<missing>");
 }
 
 TEST_F(Port, PppoeCheckRefusesEmptyOrLongNamesAndLineBreaks) {
@@ -371,20 +356,20 @@ TEST_F(Port, DdnsApplyWritesTheScriptAndCrontabWithEncodedCredentials) {
         nmtest::clear_commands();
         qmtnm_ddns_cfg c = ddns(1, "cam.example.net", r.user, r.pass);
         ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_DDNS, &c, 0), 0);
-        EXPECT_EQ(file("/etc/cron/ddns.conf"),
+        EXPECT_EQ(file_text("/etc/cron/ddns.conf"),
                   "#!/bin/sh\nwget -q -O " QMTNM_DDNS_SCRATCH_FILE " -q http://" + r.url_user +
                       ":" + r.url_pass +
                       "@" QMTNM_DDNS_UPDATE_HOST
                       "/dyndns/update?hostname=cam.example.net&wildcard=OFF\n");
-        EXPECT_EQ(file("/var/spool/cron/crontabs/root"),
+        EXPECT_EQ(file_text("/var/spool/cron/crontabs/root"),
                   "*/1 * * * * /etc/cron/ddns.conf > /dev/null\n");
         strings want = kDdnsStop;
         want.insert(want.end(),
                     {"mkdir -p /etc/cron", "mkdir -p /var/spool/cron/crontabs",
                      "chmod +x /etc/cron/ddns.conf", "/etc/cron/ddns.conf > /dev/null", "crond &"});
         EXPECT_EQ(nmtest::commands(), want);
-        EXPECT_EQ(stored_str("network_ddns", "username"), r.user);
-        EXPECT_EQ(stored_str("network_ddns", "password"), r.pass);
+        EXPECT_EQ(nmtest::stored_str("network_ddns", "username"), r.user);
+        EXPECT_EQ(nmtest::stored_str("network_ddns", "password"), r.pass);
     }
     // Off: crond stopped, script and crontab removed, only the switch stored.
     nmtest::clear_commands();
@@ -392,7 +377,7 @@ TEST_F(Port, DdnsApplyWritesTheScriptAndCrontabWithEncodedCredentials) {
     ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_DDNS, &off, 0), 0);
     EXPECT_EQ(nmtest::commands(), kDdnsStop);
     EXPECT_EQ(stored_int("network_ddns", "enable"), 0);
-    EXPECT_EQ(stored_str("network_ddns", "domain"), "cam.example.net");
+    EXPECT_EQ(nmtest::stored_str("network_ddns", "domain"), "cam.example.net");
 }
 
 TEST_F(Port, DdnsCheckWantsAHostNameAndCredentials) {

@@ -7,22 +7,10 @@ update requests with their credentials; the device's crond holds the job."""
 import json
 import re
 import sys
-import time
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 import simdevice  # noqa: E402
-from simdevice import SimTestCase  # noqa: E402
-
-
-def poll(what, fn, timeout=15.0):
-    deadline = time.monotonic() + timeout
-    while True:
-        value = fn()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError(f"timed out waiting for {what}")
-        time.sleep(0.2)
+from simdevice import SimTestCase, poll  # noqa: E402
 
 
 def log_line(func, text):

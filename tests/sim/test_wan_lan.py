@@ -8,27 +8,15 @@ import json
 import os
 import re
 import sys
-import time
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 import simdevice  # noqa: E402
-from simdevice import SimTestCase  # noqa: E402
+from simdevice import SimTestCase, poll  # noqa: E402
 
 STATIC = ["method=0", "ipaddr=10.99.0.7", "netmask=255.255.255.0", "gateway=10.99.0.1",
           "dns1=10.99.0.1", "dns2=9.9.9.9"]
 # The LAN host's DHCP client runs this script at its events; it prints the lease it was given.
 LEASE_SCRIPT = os.path.join(os.path.dirname(os.path.realpath(__file__)), "dhcp-lease-print")
-
-
-def poll(what, fn, timeout=15.0):
-    deadline = time.monotonic() + timeout
-    while True:
-        value = fn()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError(f"timed out waiting for {what}")
-        time.sleep(0.2)
 
 
 class WiredCase(SimTestCase):
