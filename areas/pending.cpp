@@ -7,11 +7,6 @@
     lcl_instance var = {#var,    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,             \
                         nullptr, nullptr, nullptr, set_ms,  get_ms,  0}
 
-NM_PENDING_INSTANCE(br_lcl, 0, 0);
-NM_PENDING_INSTANCE(ethtype_lcl, 0, 0);
-NM_PENDING_INSTANCE(ethmac_lcl, 0, 0);
-NM_PENDING_INSTANCE(ddns_lcl, 0, 0);
-NM_PENDING_INSTANCE(pppoe_lcl, 0, 0);
 NM_PENDING_INSTANCE(upnp_lcl, 0, 0);
 NM_PENDING_INSTANCE(bonjour_lcl, 0, 0);
 NM_PENDING_INSTANCE(ipfilter_lcl, 0, 0);

@@ -9,6 +9,7 @@
 #include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace nm {
 
@@ -28,7 +29,7 @@ struct store_field {
     const char *key;
     field_type type;
     uint16_t offset;
-    uint16_t cap;           // string read capacity, NUL included
+    uint16_t cap;           // string: the member's size, which is also its read capacity
     const char *read_fail;  // message after the prefix, one %d for the code
     const char *write_fail; // likewise for a failed write
     // Runs after the field was written, with a pointer to its value (the WAN address goes on
@@ -100,12 +101,45 @@ int32_t config_nochange(const char *func, uint32_t module, const Rec *record,
 // Such a name is one word to the shell, one field on a file's line, and never an option.
 bool plain_name(const char *s);
 
+// Whether s is a host name: dot-separated labels of 1 to 63 letters, digits or '-', a label
+// neither starting nor ending with '-'. Such a name is one word to the shell and one host in a URL.
+bool host_name(const char *s);
+
+// Whether s is exactly count groups of one or two hexadecimal digits joined by sep, and nothing
+// else ("0:1:2:3:4:5" is six such groups; "0:1:2:3:4:5;reboot" is not).
+bool hex_groups(const char *s, size_t count, char sep);
+
+// Whether s holds a control character (a line break, a tab, DEL...).
+bool has_control(const char *s);
+
+// Percent-encodes s for a URL: letters, digits and "-._~" stay as they are, every other byte
+// becomes %XX. Writes at most cap bytes, NUL included; returns false if the result was cut.
+bool url_encode(const char *s, char *out, size_t cap);
+
+// s for a double-quoted word of pppd's option and secrets files: a double quote or backslash
+// gets a backslash before it. Writes at most cap bytes, NUL included; false if cut.
+bool pppd_escape(const char *s, char *out, size_t cap);
+
+// A text field of a record as a terminated string, also when the text fills all N bytes of the
+// field: nm::field_text(cfg->username).text.
+template <size_t N> struct field_text {
+    char text[N + 1] = {};
+    explicit field_text(const char (&field)[N]) { memcpy(text, field, N); }
+    // Whether the text has 1 to N characters.
+    bool length_ok() const { return strlen(text) - 1 < N; }
+};
+
 // An IPv4 address as dotted-quad text, for a command or a file line:
 // nm::dotted(addr).text lives until the end of the full expression.
 struct dotted {
     char text[INET_ADDRSTRLEN];
     explicit dotted(in_addr addr) { inet_ntop(AF_INET, &addr, text, sizeof text); }
 };
+
+// ---- the activate flag ----
+// The activate step of the areas whose changes wait for a reboot: clears the shared flag, if set,
+// for every process, and logs "function request reboot" under func. Always 0.
+int32_t request_reboot(const char *func, uint32_t *activate);
 
 // ---- commands ----
 // Formats the command into a buffer of cap bytes (cut at that size) and runs it with system().

@@ -1,6 +1,9 @@
-// Commands run through the device's shell, and the test for text that may stand in one.
+// Commands run through the device's shell, the tests and encodings that keep caller text in its
+// place there and in generated files, and the activate step that asks for a reboot.
 #include "common/area.h"
+#include "common/nm_log.h"
 
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +17,95 @@ bool plain_name(const char *s) {
     if (n == 0 || n > kMax || s[0] == '-')
         return false;
     return strspn(s, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-_") == n;
+}
+
+bool host_name(const char *s) {
+    constexpr size_t kMaxLabel = 63;
+    size_t n = strlen(s);
+    if (n == 0 || n > 253)
+        return false;
+    const char *label = s;
+    for (const char *p = s;; ++p) {
+        if (*p != '.' && *p != '\0') {
+            if (!isalnum(static_cast<unsigned char>(*p)) && *p != '-')
+                return false;
+            continue;
+        }
+        size_t len = static_cast<size_t>(p - label);
+        if (len == 0 || len > kMaxLabel || label[0] == '-' || p[-1] == '-')
+            return false;
+        if (*p == '\0')
+            return true;
+        label = p + 1;
+    }
+}
+
+bool hex_groups(const char *s, size_t count, char sep) {
+    for (size_t i = 0; i < count; ++i) {
+        if (i > 0 && *s++ != sep)
+            return false;
+        size_t digits = 0;
+        while (digits < 3 && isxdigit(static_cast<unsigned char>(s[digits])))
+            ++digits;
+        if (digits == 0 || digits > 2)
+            return false;
+        s += digits;
+    }
+    return *s == '\0';
+}
+
+bool has_control(const char *s) {
+    for (; *s; ++s)
+        if (iscntrl(static_cast<unsigned char>(*s)))
+            return true;
+    return false;
+}
+
+bool url_encode(const char *s, char *out, size_t cap) {
+    static const char hex[] = "0123456789ABCDEF";
+    size_t n = 0;
+    for (; *s; ++s) {
+        unsigned char c = static_cast<unsigned char>(*s);
+        bool plain = isalnum(c) || strchr("-._~", c) != nullptr;
+        size_t need = plain ? 1 : 3;
+        if (n + need >= cap) {
+            out[n] = '\0';
+            return false;
+        }
+        if (plain) {
+            out[n++] = static_cast<char>(c);
+        } else {
+            out[n++] = '%';
+            out[n++] = hex[c >> 4];
+            out[n++] = hex[c & 0xF];
+        }
+    }
+    out[n] = '\0';
+    return true;
+}
+
+bool pppd_escape(const char *s, char *out, size_t cap) {
+    size_t n = 0;
+    for (; *s; ++s) {
+        size_t need = (*s == '"' || *s == '\\') ? 2 : 1;
+        if (n + need >= cap) {
+            out[n] = '\0';
+            return false;
+        }
+        if (need == 2)
+            out[n++] = '\\';
+        out[n++] = *s;
+    }
+    out[n] = '\0';
+    return true;
+}
+
+int32_t request_reboot(const char *func, uint32_t *activate) {
+    if (*activate == 0)
+        return 0;
+    *activate = 0;
+    log(LOG_GATE_INFO, func, "function request reboot\n");
+    return 0;
 }
 
 int run_cmd(size_t cap, const char *fmt, ...) {

@@ -13,6 +13,7 @@ namespace nm {
 namespace {
 constexpr const char *kDomain = "network";
 constexpr int kAddrCap = 16;
+constexpr size_t kStrMax = 64; // the longest string field of any record
 
 template <class T> T *at(void *record, uint16_t offset) {
     return reinterpret_cast<T *>(static_cast<char *>(record) + offset);
@@ -42,8 +43,13 @@ int write_field(const char *section, const store_field &f, const void *record) {
     switch (f.type) {
     case field_type::i32:
         return store_put_int(section, f.key, *at<int32_t>(record, f.offset));
-    case field_type::str:
-        return store_put_str(section, f.key, at<char>(record, f.offset));
+    case field_type::str: {
+        // A field filled to its last byte has no terminator: what is written ends there too.
+        char text[kStrMax + 1] = {};
+        const char *value = at<char>(record, f.offset);
+        memcpy(text, value, strnlen(value, f.cap < kStrMax ? f.cap : kStrMax));
+        return store_put_str(section, f.key, text);
+    }
     case field_type::inaddr: {
         char text[INET_ADDRSTRLEN];
         inet_ntop(AF_INET, at<in_addr>(record, f.offset), text, sizeof text);

@@ -147,6 +147,55 @@ typedef struct qmtnm_lan_cfg {
 QMTNM_STATIC_ASSERT(sizeof(qmtnm_lan_cfg) == 20, "LAN record is five 32-bit words");
 QMTNM_STATIC_ASSERT(offsetof(qmtnm_lan_cfg, end) == 16, "LAN record: end is the fifth word");
 
+/* br_lcl: the bridge setting, kept as the soft AP's mode. A change is stored and takes effect at
+ * the next start of the device. */
+typedef struct qmtnm_br_cfg {
+    int32_t mode;
+} qmtnm_br_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_br_cfg) == 4, "bridge record is one 32-bit word");
+
+/* ethtype_lcl: the Ethernet type. Type 1 rules out PPPoE and DDNS: storing it switches both off
+ * in the store. A change takes effect at the next start of the device. */
+typedef struct qmtnm_ethtype_cfg {
+    int32_t type;
+} qmtnm_ethtype_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_ethtype_cfg) == 4, "Ethernet-type record is one 32-bit word");
+
+/* ethmac_lcl: a set takes the text of six hexadecimal octets joined by colons
+ * ("02:11:22:33:44:55", at most QMTNM_MAC_TEXT_MAX characters) and gives it to eth0; a get fills
+ * six raw bytes, the WAN port's hardware address in wire order. Nothing is stored. */
+#define QMTNM_MAC_TEXT_MAX 18
+typedef struct qmtnm_mac_addr {
+    unsigned char octet[6];
+} qmtnm_mac_addr;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_mac_addr) == 6, "hardware address is six bytes");
+
+/* pppoe_lcl: the PPPoE account. A change is stored and applied at the next start of the device.
+ * connected and ipaddr are filled by a get only (the ppp0 link); a set compares the whole record,
+ * so pass them back as the last get returned them. */
+typedef struct qmtnm_pppoe_cfg {
+    int32_t enable;        /* 0 off, nonzero on (1 is what a get treats as on) */
+    char username[32];     /* 1..32 characters when on */
+    char password[32];     /* 1..32 characters when on */
+    int32_t connected;     /* 1 when ppp0 has an address */
+    struct in_addr ipaddr; /* ppp0's address, network byte order; 0 when none */
+} qmtnm_pppoe_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_pppoe_cfg) == 76, "PPPoE record is 76 bytes");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_pppoe_cfg, password) == 36, "PPPoE record: password at 36");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_pppoe_cfg, ipaddr) == 72, "PPPoE record: ipaddr at 72");
+
+/* ddns_lcl: dynamic DNS, one provider type (0); crond runs the update once a minute. */
+typedef struct qmtnm_ddns_cfg {
+    uint32_t enable; /* 0 off, nonzero on */
+    uint32_t type;   /* provider type: 0 */
+    char domain[32]; /* host name to update, 1..32 characters */
+    char username[32];
+    char password[32];
+} qmtnm_ddns_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_ddns_cfg) == 104, "DDNS record is 104 bytes");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_ddns_cfg, username) == 40, "DDNS record: username at 40");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_ddns_cfg, password) == 72, "DDNS record: password at 72");
+
 /* ---- exported calls and data ---------------------------------------------------------- */
 QMTNM_API int32_t qmtnm_lcl_set(uint32_t id, void *arg1, uintptr_t arg2);
 QMTNM_API int32_t qmtnm_lcl_get(uint32_t id, void *arg1, uintptr_t arg2);

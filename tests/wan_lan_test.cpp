@@ -18,6 +18,7 @@
 #include <unistd.h>
 #include <vector>
 
+using nmtest::file_text;
 using nmtest::logged;
 using nmtest::logs;
 using strings = std::vector<std::string>;
@@ -41,24 +42,8 @@ std::string text(in_addr a) {
     return inet_ntop(AF_INET, &a, t, sizeof t);
 }
 
-std::string stored(const char *section, const char *key) {
-    char buf[64] = {};
-    if (qmt_conf_scanf("network", "%k%k%l%s", section, key, static_cast<int>(sizeof buf), buf) < 0)
-        return "<missing>";
-    return buf;
-}
-
 void store_port(const char *section, const char *port) {
     ASSERT_GE(qmt_conf_printf("network", "%k%k%s", section, "port", port), 0);
-}
-
-std::string file(const char *path) {
-    std::ifstream f(path);
-    if (!f)
-        return "<missing>";
-    std::ostringstream s;
-    s << f.rdbuf();
-    return s.str();
 }
 
 void write_file(const char *path, const std::string &content) {
@@ -122,7 +107,8 @@ TEST_F(WanLan, LanCheckTestsTheSwitchThenThePoolsSubnetAndOrder) {
         EXPECT_EQ(got, kLanInvalid);
         EXPECT_EQ(logs().texts(),
                   strings{logged("check_lan_info_grammar", std::string(r.refusal))});
-        EXPECT_EQ(stored("network_lan", "netmask"), "255.255.255.0") << "refused, yet stored";
+        EXPECT_EQ(nmtest::stored_str("network_lan", "netmask"), "255.255.255.0")
+            << "refused, yet stored";
     }
     // The WAN check refuses only a method other than 0 and 1.
     qmtnm_wan_cfg w = {2, {}, {}, {}, {}, {}};
@@ -148,7 +134,7 @@ TEST_F(WanLan, StaticWanRunsItsCommandsWritesTheResolverAndStoresEverything) {
                                       "route del default &>/dev/null",
                                       "route add default gw 10.1.0.1 &>/dev/null",
                                   }));
-    EXPECT_EQ(file("/var/nm/resolv.conf"), "nameserver 9.9.9.9\nnameserver 1.1.1.1\n");
+    EXPECT_EQ(file_text("/var/nm/resolv.conf"), "nameserver 9.9.9.9\nnameserver 1.1.1.1\n");
     qmtnm_wan_cfg back = {};
     ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_WANFLASH, &back, 0), 0);
     EXPECT_EQ(memcmp(&back, &c, sizeof c), 0);
@@ -178,10 +164,10 @@ TEST_F(WanLan, WanFlushStopsAtTheFirstRefusedKey) {
     nmtest::store_sql("DROP TRIGGER refuse");
     EXPECT_EQ(logs().texts(),
               strings{logged("wan_flush_config", "write wan gateway fail, errno = -33751042")});
-    EXPECT_EQ(stored("network_wan", "ipaddr"), "10.1.2.3");
-    EXPECT_EQ(stored("network_wan", "netmask"), "255.255.0.0");
-    EXPECT_EQ(stored("network_wan", "gateway"), "192.168.0.1");
-    EXPECT_EQ(stored("network_wan", "dns1"), "192.168.0.1");
+    EXPECT_EQ(nmtest::stored_str("network_wan", "ipaddr"), "10.1.2.3");
+    EXPECT_EQ(nmtest::stored_str("network_wan", "netmask"), "255.255.0.0");
+    EXPECT_EQ(nmtest::stored_str("network_wan", "gateway"), "192.168.0.1");
+    EXPECT_EQ(nmtest::stored_str("network_wan", "dns1"), "192.168.0.1");
 }
 
 TEST_F(WanLan, WanStoreReadFailures) {
@@ -208,17 +194,17 @@ TEST_F(WanLan, LanWithTheServerOnWritesItsFilesInOrder) {
                                       "killall udhcpd &>/dev/null",
                                       "udhcpd /var/nm/udhcpd.conf",
                                   }));
-    EXPECT_EQ(file("/var/nm/udhcpd.conf"), "interface br0\n"
-                                           "start 192.168.7.50\n"
-                                           "end 192.168.7.60\n"
-                                           "opt subnet 255.255.255.0\n"
-                                           "opt lease 28800\n"
-                                           "opt router 192.168.7.1\n"
-                                           "opt dns 192.168.7.1");
-    EXPECT_EQ(file("/var/nm/udhcpd.leases"), "");
+    EXPECT_EQ(file_text("/var/nm/udhcpd.conf"), "interface br0\n"
+                                                "start 192.168.7.50\n"
+                                                "end 192.168.7.60\n"
+                                                "opt subnet 255.255.255.0\n"
+                                                "opt lease 28800\n"
+                                                "opt router 192.168.7.1\n"
+                                                "opt dns 192.168.7.1");
+    EXPECT_EQ(file_text("/var/nm/udhcpd.leases"), "");
     // The hosts file is rewritten from the store during the apply, before the new address is
     // stored, so it still names the earlier one.
-    EXPECT_NE(file("/var/conf/hosts").find("192.168.1.1\t"), std::string::npos);
+    EXPECT_NE(file_text("/var/conf/hosts").find("192.168.1.1\t"), std::string::npos);
     qmtnm_lan_cfg back = {};
     ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_LAN, &back, 0), 0);
     EXPECT_EQ(memcmp(&back, &c, sizeof c), 0);
@@ -242,10 +228,10 @@ TEST_F(WanLan, LanWithTheServerOffKeepsItsFilesAndTheStoredPool) {
                                       "ifconfig br0 netmask 255.255.255.0",
                                       "killall udhcpd &>/dev/null",
                                   }));
-    EXPECT_EQ(file("/var/nm/udhcpd.conf"), "earlier");
-    EXPECT_EQ(stored("network_lan", "ipaddr"), "192.168.8.1");
-    EXPECT_EQ(stored("network_lan", "begin"), "192.168.1.100");
-    EXPECT_EQ(stored("network_lan", "end"), "192.168.1.200");
+    EXPECT_EQ(file_text("/var/nm/udhcpd.conf"), "earlier");
+    EXPECT_EQ(nmtest::stored_str("network_lan", "ipaddr"), "192.168.8.1");
+    EXPECT_EQ(nmtest::stored_str("network_lan", "begin"), "192.168.1.100");
+    EXPECT_EQ(nmtest::stored_str("network_lan", "end"), "192.168.1.200");
 }
 
 TEST_F(WanLan, StoredPortsThatAreNotInterfaceNamesNeverReachTheShell) {

@@ -15,7 +15,7 @@ namespace {
 // CLI_AREA_AS: an area whose set starts from another instance's get, or that cannot be set.
 #define CLI_AREA_AS(name, id, rec, fields, stored_id, settable)                                    \
     area {                                                                                         \
-        name, name "_lcl", id, sizeof(rec), fields, std::size(fields), stored_id, settable         \
+        name, name "_lcl", id, sizeof(rec), fields, std::size(fields), stored_id, settable, false  \
     }
 #define CLI_AREA(name, id, rec, fields) CLI_AREA_AS(name, id, rec, fields, id, true)
 
@@ -36,13 +36,44 @@ const field lan_fields[] = {
     CLI_FIELD(qmtnm_lan_cfg, end, ipv4),
 };
 
+const field br_fields[] = {CLI_FIELD(qmtnm_br_cfg, mode, i32)};
+const field ethtype_fields[] = {CLI_FIELD(qmtnm_ethtype_cfg, type, i32)};
+const field ethmac_fields[] = {field{"macaddr", ftype::mac, 0, sizeof(qmtnm_mac_addr)}};
+
+const field pppoe_fields[] = {
+    CLI_FIELD(qmtnm_pppoe_cfg, enable, i32),      CLI_FIELD(qmtnm_pppoe_cfg, username, str),
+    CLI_FIELD(qmtnm_pppoe_cfg, password, secret), CLI_FIELD(qmtnm_pppoe_cfg, connected, i32),
+    CLI_FIELD(qmtnm_pppoe_cfg, ipaddr, ipv4),
+};
+
+const field ddns_fields[] = {
+    CLI_FIELD(qmtnm_ddns_cfg, enable, u32),      CLI_FIELD(qmtnm_ddns_cfg, type, u32),
+    CLI_FIELD(qmtnm_ddns_cfg, domain, str),      CLI_FIELD(qmtnm_ddns_cfg, username, str),
+    CLI_FIELD(qmtnm_ddns_cfg, password, secret),
+};
+
 const area all_areas[] = {
     // wan reports the live port; a set starts from the stored settings (wanflash).
     CLI_AREA_AS("wan", QMTNM_ID_WAN, qmtnm_wan_cfg, wan_fields, QMTNM_ID_WANFLASH, true),
     CLI_AREA_AS("wanflash", QMTNM_ID_WANFLASH, qmtnm_wan_cfg, wan_fields, QMTNM_ID_WANFLASH, false),
     CLI_AREA("lan", QMTNM_ID_LAN, qmtnm_lan_cfg, lan_fields),
     CLI_AREA("qos", QMTNM_ID_QOS, qmtnm_qos_cfg, qos_fields),
+    CLI_AREA("br", QMTNM_ID_BR, qmtnm_br_cfg, br_fields),
+    CLI_AREA("ethtype", QMTNM_ID_ETHTYPE, qmtnm_ethtype_cfg, ethtype_fields),
+    // A set gives eth0 the address text; a get reads the WAN port's hardware address.
+    area{"ethmac", "ethmac_lcl", QMTNM_ID_ETHMAC, sizeof(qmtnm_mac_addr), ethmac_fields,
+         std::size(ethmac_fields), QMTNM_ID_ETHMAC, true, true},
+    CLI_AREA("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, pppoe_fields),
+    CLI_AREA("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, ddns_fields),
 };
+
+// The boot apply's order: marking first, so that every packet the device sends afterwards
+// carries it; then the WAN port (address and default route) and the LAN (bridge address and
+// DHCP server); PPPoE once br0, where its plugin runs, has its address; DDNS last, because its
+// first update goes out at once and needs the way upstream. The bridge and Ethernet type have no
+// apply of their own (their stored values are read by the areas that use them), and the MAC
+// address is not stored.
+const char *const boot_order[] = {"qos", "wan", "lan", "pppoe", "ddns"};
 
 // Short names of every instance, by id, for decoding error codes.
 const char *const instance_names[QMTNM_ID_COUNT] = {
@@ -65,6 +96,11 @@ const area *find_area(const char *name) {
         if (!strcmp(name, a.name) || !strcmp(name, a.instance))
             return &a;
     return nullptr;
+}
+
+const char *const *boot_areas(size_t *count) {
+    *count = std::size(boot_order);
+    return boot_order;
 }
 
 const char *area_name_by_id(uint32_t id) {

@@ -8,10 +8,12 @@
 namespace cli {
 
 enum class ftype : uint8_t {
-    i32,  // int32_t, decimal
-    u32,  // uint32_t, decimal
-    ipv4, // struct in_addr, dotted quad
-    str,  // char[size], NUL-terminated
+    i32,    // int32_t, decimal
+    u32,    // uint32_t, decimal
+    ipv4,   // struct in_addr, dotted quad
+    str,    // char[size], NUL-terminated
+    secret, // char[size], NUL-terminated; shown masked unless asked for
+    mac,    // six raw bytes, shown as xx:xx:xx:xx:xx:xx
 };
 
 struct field {
@@ -30,6 +32,7 @@ struct area {
     size_t field_count;
     uint32_t stored_id; // the instance whose get gives the stored record a set starts from
     bool settable;      // false for the areas that only report
+    bool text_set;      // a set takes one text argument as it is (ethmac), not field=value
 };
 
 // The area called name (short or instance name), or null.
@@ -38,5 +41,9 @@ const area *areas_begin();
 const area *areas_end();
 // Short name of the area whose instance id is id, or null.
 const char *area_name_by_id(uint32_t id);
+
+// The areas whose stored settings `qmtnm boot` applies, in that order (short names); *count
+// receives their number.
+const char *const *boot_areas(size_t *count);
 
 } // namespace cli

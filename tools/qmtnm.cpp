@@ -1,7 +1,9 @@
 // qmtnm: get and set the appliance's network settings from the shell.
 //
-//   qmtnm [-v] [--json] get AREA
+//   qmtnm [-v] [--json] [--secrets] get AREA
 //   qmtnm [-v] [--host] set AREA field=value ...
+//   qmtnm [-v] [--host] set ethmac XX:XX:XX:XX:XX:XX
+//   qmtnm [-v] [--host] boot   apply the stored settings of every area once, as at start-up
 //   qmtnm areas
 //   qmtnm iface IFNAME        address, netmask and hardware address as the library reads them
 //   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
@@ -15,7 +17,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
+#include <semaphore.h>
 #include <syslog.h>
 
 namespace {
@@ -28,11 +32,14 @@ struct options {
     bool json = false;
     bool verbose = false;
     bool host = false;
+    bool secrets = false;
 };
 
 int usage() {
     fputs("usage: qmtnm [options] get AREA\n"
           "       qmtnm [options] set AREA field=value ...\n"
+          "       qmtnm [options] set ethmac XX:XX:XX:XX:XX:XX\n"
+          "       qmtnm [options] boot\n"
           "       qmtnm areas\n"
           "       qmtnm iface IFNAME\n"
           "       qmtnm [--host] hosts\n"
@@ -40,9 +47,12 @@ int usage() {
           "  --json          print settings as JSON\n"
           "  -v, --verbose   echo the library's log lines to stderr\n"
           "  --log-level N   the library's log threshold (0 errors, 1 info, 2 traces)\n"
-          "  --host          allow 'set' to change this machine (outside the emulated device)\n"
+          "  --host          allow 'set' and 'boot' to change this machine (outside the emulated\n"
+          "                  device)\n"
+          "  --secrets       show passwords instead of masking them\n"
           "AREA is a short name (qos) or an instance name (qos_lcl). 'set' starts from the\n"
-          "stored settings and changes the fields given.\n",
+          "stored settings and changes the fields given. 'boot' applies the stored settings of\n"
+          "every area once, as the device does when it starts.\n",
           stderr);
     return 2;
 }
@@ -98,7 +108,8 @@ void json_string(const char *s) {
     putchar('"');
 }
 
-void print_value(void *record, const field &f, bool json) {
+void print_value(void *record, const field &f, const options &opt) {
+    bool json = opt.json;
     switch (f.type) {
     case ftype::i32:
         printf("%d", *member<int32_t>(record, f));
@@ -112,6 +123,13 @@ void print_value(void *record, const field &f, bool json) {
         json ? json_string(text) : (void)fputs(text, stdout);
         break;
     }
+    case ftype::secret:
+        if (!opt.secrets) {
+            const char *mask = *member<char>(record, f) ? "********" : "";
+            json ? json_string(mask) : (void)fputs(mask, stdout);
+            break;
+        }
+        [[fallthrough]];
     case ftype::str: {
         // Never read past the member, even if the record is not terminated.
         char text[1024];
@@ -120,15 +138,23 @@ void print_value(void *record, const field &f, bool json) {
         json ? json_string(text) : (void)fputs(text, stdout);
         break;
     }
+    case ftype::mac: {
+        const auto *b = member<unsigned char>(record, f);
+        char text[18];
+        snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4],
+                 b[5]);
+        json ? json_string(text) : (void)fputs(text, stdout);
+        break;
+    }
     }
 }
 
-void print_record(const area &a, void *record, bool json) {
-    if (json) {
+void print_record(const area &a, void *record, const options &opt) {
+    if (opt.json) {
         printf("{\"area\":\"%s\",\"instance\":\"%s\"", a.name, a.instance);
         for (size_t i = 0; i < a.field_count; ++i) {
             printf(",\"%s\":", a.fields[i].name);
-            print_value(record, a.fields[i], true);
+            print_value(record, a.fields[i], opt);
         }
         puts("}");
         return;
@@ -136,7 +162,7 @@ void print_record(const area &a, void *record, bool json) {
     printf("%s (%s)\n", a.name, a.instance);
     for (size_t i = 0; i < a.field_count; ++i) {
         printf("  %-14s = ", a.fields[i].name);
-        print_value(record, a.fields[i], false);
+        print_value(record, a.fields[i], opt);
         putchar('\n');
     }
 }
@@ -166,7 +192,10 @@ bool parse_value(void *record, const field &f, const char *text) {
         if (inet_pton(AF_INET, text, member<in_addr>(record, f)) == 1)
             return true;
         break;
+    case ftype::mac:
+        break; // set through the area's text argument
     case ftype::str:
+    case ftype::secret:
         if (strlen(text) < f.size) {
             memset(member<char>(record, f), 0, f.size);
             memcpy(member<char>(record, f), text, strlen(text));
@@ -202,7 +231,7 @@ int cmd_get(const area &a, const options &opt) {
     int32_t r = get_record(a.id, a, rec.get());
     if (r < 0)
         return report(a.name, r);
-    print_record(a, rec.get(), opt.json);
+    print_record(a, rec.get(), opt);
     return 0;
 }
 
@@ -223,6 +252,14 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     }
     if (!may_change_machine(opt))
         return 1;
+    if (a.text_set) {
+        if (argc != 1) {
+            fprintf(stderr, "qmtnm: %s takes one value\n", a.name);
+            return 2;
+        }
+        int32_t r = qmtnm_lcl_set(a.id, argv[0], 0);
+        return r < 0 ? report(a.name, r) : cmd_get(a, opt);
+    }
     record_ptr rec = new_record(a);
     int32_t r = get_record(a.stored_id, a, rec.get());
     bool need_all = r < 0;
@@ -252,6 +289,46 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     // What is stored now (for wan: wanflash; its live port may still be on its way up).
     const area *stored = cli::find_area(cli::area_name_by_id(a.stored_id));
     return cmd_get(stored ? *stored : a, opt);
+}
+
+// Applies one area's stored settings through its instance's apply operation, under its set lock:
+// nothing is compared or stored again and the activate flag is left as it is.
+int32_t boot_apply(const area &a) {
+    record_ptr rec = new_record(a);
+    int32_t r = get_record(a.stored_id, a, rec.get());
+    if (r < 0)
+        return r;
+    lcl_instance *inst = get_lcl_instance(a.id);
+    if (inst == nullptr || inst->set == nullptr)
+        return 0;
+    timespec deadline{};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += (inst->set_timeout_ms ? inst->set_timeout_ms : 2000) / 1000 + 1;
+    if (sem_timedwait(inst->set_sem, &deadline) != 0)
+        return QMTNM_ERR(QMTNM_MODULE_CORE, QMTNM_R_BUSY);
+    r = inst->set(inst, rec.get(), 0);
+    sem_post(inst->set_sem);
+    return r;
+}
+
+// One area's failure is reported and the others still run.
+int cmd_boot(const options &opt) {
+    if (!may_change_machine(opt))
+        return 1;
+    size_t count = 0;
+    const char *const *names = cli::boot_areas(&count);
+    int status = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const area *a = cli::find_area(names[i]);
+        int32_t r = a ? boot_apply(*a) : QMTNM_ERR(QMTNM_MODULE_CORE, QMTNM_R_NOMEM);
+        if (r < 0) {
+            report(names[i], r);
+            status = 1;
+        } else {
+            printf("%s: applied\n", names[i]);
+        }
+    }
+    return status;
 }
 
 int cmd_iface(const char *ifname) {
@@ -300,6 +377,8 @@ bool take_flag(options &opt, const char *arg) {
         opt.verbose = true;
     else if (!strcmp(arg, "--host"))
         opt.host = true;
+    else if (!strcmp(arg, "--secrets"))
+        opt.secrets = true;
     else
         return false;
     return true;
@@ -325,6 +404,11 @@ int main(int argc, char **argv) {
         return cmd_areas();
     if (!strcmp(cmd, "hosts") && i == argc)
         return cmd_hosts(opt);
+    if (!strcmp(cmd, "boot") && i == argc) {
+        if (opt.verbose)
+            openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
+        return cmd_boot(opt);
+    }
     if (!strcmp(cmd, "iface") && i + 1 == argc)
         return cmd_iface(argv[i]);
     if (i >= argc)

@@ -144,6 +144,18 @@ class Device:
         return int(m.group(1))
 
 
+def poll(what, fn, timeout=15.0):
+    """Calls fn until it returns something true, which is returned; fails after timeout s."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = fn()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"timed out waiting for {what}")
+        time.sleep(0.2)
+
+
 def host_snapshot():
     """What the host must keep to itself while devices come and go."""
     def cmd(*a):

@@ -8,27 +8,15 @@ import json
 import os
 import re
 import sys
-import time
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 import simdevice  # noqa: E402
-from simdevice import SimTestCase  # noqa: E402
+from simdevice import SimTestCase, poll  # noqa: E402
 
 STATIC = ["method=0", "ipaddr=10.99.0.7", "netmask=255.255.255.0", "gateway=10.99.0.1",
           "dns1=10.99.0.1", "dns2=9.9.9.9"]
 # The LAN host's DHCP client runs this script at its events; it prints the lease it was given.
 LEASE_SCRIPT = os.path.join(os.path.dirname(os.path.realpath(__file__)), "dhcp-lease-print")
-
-
-def poll(what, fn, timeout=15.0):
-    deadline = time.monotonic() + timeout
-    while True:
-        value = fn()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise AssertionError(f"timed out waiting for {what}")
-        time.sleep(0.2)
 
 
 class WiredCase(SimTestCase):
@@ -72,7 +60,7 @@ class Wan(WiredCase):
         self.assertRegex(leases, rf"(?m)^{re.escape(mac)}\s+{re.escape(ip)}\s")
         # Only the method is stored: the static settings stay as they were.
         stored = self.json("wanflash")
-        self.assertEqual((stored["method"], stored["ipaddr"]), (1, "192.168.0.100"))
+        self.assertEqual((stored["method"], stored["ipaddr"]), (1, "10.99.0.2"))
 
     def test_2_static_address_route_resolver_and_hardware_store(self):
         self.qmtnm("set", "wan", *STATIC)
@@ -154,13 +142,17 @@ class ActivateFlag(WiredCase):
         self.dev.run("qmtnm", "get", "lan")
         self.dev.set_activate_flag(0)
         routes = self.dev.out("ip", "route")
+        # The DHCP server the boot apply started, with its configuration.
+        udhcpd = self.dev.out("pidof", "udhcpd")
+        udhcpd_conf = self.dev.out("cat", "/var/nm/udhcpd.conf")
         mark = self.dev.log_size()
         self.qmtnm("set", "wan", *STATIC)
         self.qmtnm("set", "lan", "ipaddr=192.168.9.1", "begin=192.168.9.10", "end=192.168.9.20")
         self.assertEqual(self.addrs("eth0"), ["10.99.0.2/24"])
         self.assertEqual(self.addrs("br0"), ["192.168.1.1/24"])
         self.assertEqual(self.dev.out("ip", "route"), routes)
-        self.assertEqual(self.processes("udhcpd"), [])
+        self.assertEqual(self.dev.out("pidof", "udhcpd"), udhcpd)
+        self.assertEqual(self.dev.out("cat", "/var/nm/udhcpd.conf"), udhcpd_conf)
         self.assertEqual(self.dev.out("sysconf", "get", "network/network_wan/ipaddr").strip(),
                          '"10.99.0.7"')
         self.assertEqual(self.dev.out("sysconf", "get", "network/network_lan/begin").strip(),

@@ -143,6 +143,13 @@ void load_defaults() {
     ASSERT_GT(r, 0);
 }
 
+std::string stored_str(const char *section, const char *key) {
+    char buf[64] = {};
+    if (qmt_conf_scanf("network", "%k%k%l%s", section, key, static_cast<int>(sizeof buf), buf) < 0)
+        return "<missing>";
+    return buf;
+}
+
 void store_sql(const std::string &sql) {
     // Through popen, so that the system() recorder sees only the library's commands.
     std::string cmd = std::string("sqlite3 ") + sysconf_db_path() + " \"" + sql + "\" 2>&1";
@@ -189,6 +196,19 @@ sem_holder::~sem_holder() {
     close(release_fd_);
     int status = 0;
     waitpid(pid_, &status, 0);
+}
+
+std::string file_text(const char *path) {
+    FILE *f = fopen(path, "r");
+    if (f == nullptr)
+        return "<missing>";
+    std::string out;
+    char buf[512];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
+        out.append(buf, n);
+    fclose(f);
+    return out;
 }
 
 std::string sh(const std::string &cmd) {

@@ -50,6 +50,9 @@ void set_activate_flag(uint32_t value);
 // ---- settings store ----
 // Empties the store and loads the shipped factory settings.
 void load_defaults();
+// A string value of domain "network" (read capacity 64), or "<missing>".
+std::string stored_str(const char *section, const char *key);
+
 // Runs one SQL statement on the store's database file through the sqlite3 shell.
 void store_sql(const std::string &sql);
 
@@ -66,6 +69,9 @@ class sem_holder {
     int pid_ = -1;
     int release_fd_ = -1;
 };
+
+// The whole content of a file, or "<missing>" when it cannot be opened.
+std::string file_text(const char *path);
 
 // Runs a shell command, returns its standard output.
 std::string sh(const std::string &cmd);
