@@ -198,28 +198,31 @@ sem_holder::~sem_holder() {
     waitpid(pid_, &status, 0);
 }
 
-std::string file_text(const char *path) {
-    FILE *f = fopen(path, "r");
-    if (f == nullptr)
-        return "<missing>";
+namespace {
+std::string read_all(FILE *f) {
     std::string out;
     char buf[512];
     size_t n;
     while ((n = fread(buf, 1, sizeof buf, f)) > 0)
         out.append(buf, n);
+    return out;
+}
+} // namespace
+
+std::string file_text(const char *path) {
+    FILE *f = fopen(path, "r");
+    if (f == nullptr)
+        return "<missing>";
+    std::string out = read_all(f);
     fclose(f);
     return out;
 }
 
 std::string sh(const std::string &cmd) {
-    std::string out;
     FILE *p = popen(cmd.c_str(), "r");
     if (p == nullptr)
-        return out;
-    char buf[512];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0)
-        out.append(buf, n);
+        return {};
+    std::string out = read_all(p);
     pclose(p);
     return out;
 }
