@@ -33,9 +33,8 @@ QMTNM_API void wpa_ctrl_close(struct wpa_ctrl *ctrl);
  * after the last event. Events that arrive first are given to msg_cb (if not null) as
  * terminated text; *reply_len is the reply buffer's size on entry and the reply's length on
  * return. 0; -1 if sending failed; -2 on time-out; the receive's negative result. */
-QMTNM_API int wpa_ctrl_request(struct wpa_ctrl *ctrl, const char *cmd, size_t cmd_len,
-                               char *reply, size_t *reply_len,
-                               void (*msg_cb)(char *msg, size_t len));
+QMTNM_API int wpa_ctrl_request(struct wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *reply,
+                               size_t *reply_len, void (*msg_cb)(char *msg, size_t len));
 
 /* Registers the handle as an event monitor (ATTACH), or unregisters it (DETACH): 0 when the
  * server answered exactly "OK\n", -1 on any other answer, or wpa_ctrl_request's failure. */

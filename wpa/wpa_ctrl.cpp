@@ -109,7 +109,7 @@ int wpa_ctrl_request(wpa_ctrl *ctrl, const char *cmd, size_t cmd_len, char *repl
             if (msg_cb != nullptr) {
                 // A datagram that filled the buffer loses its last byte to the terminator.
                 size_t len = static_cast<size_t>(res) == *reply_len ? *reply_len - 1
-                                                                     : static_cast<size_t>(res);
+                                                                    : static_cast<size_t>(res);
                 reply[len] = '\0';
                 msg_cb(reply, len);
             }
