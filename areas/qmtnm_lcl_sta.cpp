@@ -79,8 +79,8 @@ int32_t invalid(const char *func, const char *fmt, ...) {
 int32_t check_sta_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const char *func = __func__;
     const auto *cfg = static_cast<const sta_cfg *>(arg1);
-    if (cfg->enable == 0)
-        return 0;
+    // Off, nothing else is looked at; but a PIN goes to the shell as a bare word whenever a set
+    // asks for WPS, so it is checked first, also with the station off.
     if (cfg->use_wps != 0) {
         if (cfg->push_button != 0)
             return 0;
@@ -91,6 +91,8 @@ int32_t check_sta_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
             return invalid(func, "sta wps pin value check fail, pin:%s", pin.text);
         return 0; // the check digit is left to the access point
     }
+    if (cfg->enable == 0)
+        return 0;
     nm::field_text<sizeof cfg->ssid> ssid(cfg->ssid);
     if (!ssid.length_ok())
         return invalid(func, "essid length should 1~32, but now is %d",

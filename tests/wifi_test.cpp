@@ -113,6 +113,8 @@ TEST_F(Wifi, StationCheckRefusesEveryOutOfRangeField) {
     auto bad_encry = sta(2, "net", "12345678", 1, 3);
     auto wps_hostile_ignored = wps(1, "x");
     put(wps_hostile_ignored.ssid, "a\nb");
+    auto off_wps = wps(0, "1;reboot");
+    off_wps.enable = 0;
     const row rows[] = {
         {off, nullptr}, // off: nothing else is looked at
         {wps(1, ""), nullptr},
@@ -123,6 +125,8 @@ TEST_F(Wifi, StationCheckRefusesEveryOutOfRangeField) {
         {wps(0, "1234567a"), "sta wps pin value check fail, pin:1234567a"},
         {wps(0, "1234 567"), "sta wps pin value check fail, pin:1234 567"},
         {wps_hostile_ignored, nullptr},
+        // A set asking for WPS runs it with the station off too: the PIN is checked then as well.
+        {off_wps, "sta wps pin value check fail, pin:1;reboot"},
         {sta(0, "", ""), "essid length should 1~32, but now is 0"},
         {sta(0, s32, ""), nullptr}, // 32 characters fill the field
         {sta(5, "net", ""), "sta auth out of range"},
@@ -793,6 +797,42 @@ TEST_F(Wifi, SoftApFlushKeepsAMarkedStoredChannelAndTheSecurityInUse) {
     ASSERT_EQ(ap_lcl.flush(&ap_lcl, &w, 0), 0);
     EXPECT_EQ(nmtest::stored_str("network_softap", "password"), "wps only");
     EXPECT_EQ(stored_int("network_softap", "wps_enable"), 1);
+}
+
+} // namespace
+
+namespace {
+
+// ---- the command-line tool ---------------------------------------------------------------------
+
+TEST_F(Wifi, ToolSetsTheSoftApMasksPasswordsAndPrintsANewPin) {
+    nmtest::run_commands(true); // the tool is a process of its own; its commands run for real
+    const std::string tool = "QMTNM_DEVICE=sim " + std::string(QMTNM_TOOL) + " ";
+    EXPECT_EQ(nmtest::sh(tool +
+                         "set ap ssid='Cam AP' auth=2 password=\"it's x y\" encry=0 >/dev/null"
+                         " && " +
+                         tool + "get ap --json"),
+              "{\"area\":\"ap\",\"instance\":\"ap_lcl\",\"enable\":1,\"ssid\":\"Cam AP\","
+              "\"channel\":6,\"hw_mode\":0,\"hide_ssid\":0,\"auth\":2,\"encry\":0,\"index\":0,"
+              "\"password\":\"********\",\"wps_enable\":0,\"wps_pin\":\"12345670\"}\n");
+    EXPECT_NE(nmtest::sh(tool + "get ap --secrets").find("password       = it's x y\n"),
+              std::string::npos);
+    EXPECT_EQ(file_text("/var/nm/hostapd.conf"),
+              kApHead + "bridge=br0\nssid=Cam AP\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=1\n"
+                        "wpa_passphrase=it's x y\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=CCMP\n");
+    // WPS words of the station: a bad one is refused before anything runs.
+    EXPECT_EQ(nmtest::sh(tool + "set sta wps=button 2>&1 >/dev/null; echo $?"),
+              "qmtnm: wps: 'button' is not a valid value\n2\n");
+    EXPECT_EQ(nmtest::sh(tool + "set sta wps=pin pin=1234 2>&1 >/dev/null; echo $?"),
+              "sta: invalid input (0xFDF0FFF9)\n1\n");
+    std::string pin = nmtest::sh(tool + "pin ap");
+    ASSERT_EQ(pin.size(), 9u) << pin;
+    pin.pop_back();
+    EXPECT_TRUE(valid_pin(pin.c_str())) << pin;
+    EXPECT_EQ(nmtest::stored_str("network_softap", "wps_pin"), pin);
+    std::string json = nmtest::sh(tool + "pin sta --json");
+    EXPECT_EQ(json, "{\"area\":\"sta\",\"pin\":\"" + nmtest::stored_str("network_sta", "wps_pin") +
+                        "\"}\n");
 }
 
 } // namespace
