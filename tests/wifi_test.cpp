@@ -84,21 +84,7 @@ nm_softap ap(int32_t auth, const std::string &ssid, const std::string &pass, int
     return c;
 }
 
-class Wifi : public testing::Test {
-  protected:
-    void SetUp() override {
-        nmtest::load_defaults();
-        nmtest::set_activate_flag(1);
-        nmtest::run_commands(false);
-        nmtest::clear_commands();
-        nm_log_level = 1;
-        logs().clear();
-    }
-    void TearDown() override {
-        nmtest::run_commands(true);
-        nmtest::set_activate_flag(1);
-    }
-};
+using Wifi = nmtest::area_test;
 
 // ---- station: check ------------------------------------------------------------------------
 
