@@ -256,8 +256,8 @@ void BM_lcl_get_ap(benchmark::State &st) {
 }
 BENCHMARK(BM_lcl_get_ap);
 
-// The stored record again: the compare reads it (eight reads), and so does the activate step,
-// which looks at the stored switch; nothing is applied or stored.
+// The stored record again: the compare reads it (eight reads) and finds nothing changed, so
+// neither the activate step nor anything after it runs.
 void BM_lcl_set_ap_uptodate(benchmark::State &st) {
     nm_softap stored = {};
     if (lcl_get(QMTNM_ID_AP, &stored, 0) != 0) {
