@@ -10,9 +10,3 @@
 NM_PENDING_INSTANCE(upnp_lcl, 0, 0);
 NM_PENDING_INSTANCE(bonjour_lcl, 0, 0);
 NM_PENDING_INSTANCE(ipfilter_lcl, 0, 0);
-NM_PENDING_INSTANCE(doscan_lcl, 0, 5000);
-NM_PENDING_INSTANCE(scanresult_lcl, 0, 0);
-NM_PENDING_INSTANCE(sta_lcl, 200000, 0);
-NM_PENDING_INSTANCE(ap_lcl, 0, 0);
-NM_PENDING_INSTANCE(stapin_lcl, 0, 0);
-NM_PENDING_INSTANCE(appin_lcl, 0, 0);

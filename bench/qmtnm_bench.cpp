@@ -1,12 +1,15 @@
-// Latency of the library's calls on the QoS, WAN and LAN areas, of the settings store beneath
-// them, and of the bare SQL the store executes on a prepared connection (the floor), in one
-// process and in several at once.
+// Latency of the library's calls on the QoS, WAN, LAN, station and soft AP areas, of the
+// settings store beneath them, and of the bare SQL the store executes on a prepared connection
+// (the floor), in one process and in several at once.
 //
 // The store holds QoS {enable 1, dscp 46} and the factory LAN settings throughout, and every set
 // passes the stored record, so a set stops at the compare ("config is up-to-date") and never
 // reaches a command. system() is defined here, counts the commands the library would run and
-// runs none: a benchmark whose calls ran any command fails. The live WAN reading needs an eth0
-// with an address, a default route and /var/nm/resolv.conf, which scripts/bench provides.
+// runs none: a benchmark whose calls ran any command fails. The exception is the station's get,
+// which asks the running wpa_supplicant for its state with wpa_cli on every call: its benchmark
+// lets that one command run (and a second one measures the get with the command not run). The
+// live WAN reading needs an eth0 with an address, a default route and /var/nm/resolv.conf, and
+// the station a wpa_supplicant on wlan0 (wired driver), which scripts/bench provides.
 //
 // The library is loaded with dlopen() after the namespace check, because its start-up creates
 // semaphores and the activate flag in /dev/shm.
@@ -30,12 +33,17 @@
 namespace {
 
 std::atomic<long> commands{0};
+std::atomic<bool> run_commands{false}; // set only while the station's get is measured
 
 } // namespace
 
-extern "C" int system(const char *) {
+extern "C" int system(const char *cmd) {
     commands.fetch_add(1);
-    return -1;
+    if (!run_commands.load())
+        return -1;
+    using system_fn = int (*)(const char *);
+    static auto real = reinterpret_cast<system_fn>(dlsym(RTLD_NEXT, "system"));
+    return real(cmd);
 }
 
 namespace {
@@ -45,11 +53,17 @@ constexpr int32_t kDscp = 46;
 constexpr const char *kEnablePath = "network/network_qos/enable";
 constexpr const char *kDscpPath = "network/network_qos/dscp";
 const int32_t kInvalid = QMTNM_ERR(QMTNM_MOD_QOS, QMTNM_R_INVALID);
-// What the reads of the floor fetch: a QoS get's two values, a LAN get's six.
+// What the reads of the floor fetch: a QoS get's two values, a LAN get's six, a soft AP get's
+// eight (open, the factory settings).
 constexpr const char *kQosPaths[] = {kEnablePath, kDscpPath};
 constexpr const char *kLanPaths[] = {"network/network_lan/port",    "network/network_lan/ipaddr",
                                      "network/network_lan/netmask", "network/network_lan/method",
                                      "network/network_lan/begin",   "network/network_lan/end"};
+constexpr const char *kApPaths[] = {
+    "network/network_softap/enable",     "network/network_softap/hw_mode",
+    "network/network_softap/channel",    "network/network_softap/ssid",
+    "network/network_softap/hide_ssid",  "network/network_softap/auth",
+    "network/network_softap/wps_enable", "network/network_softap/wps_pin"};
 
 // ---- the library, resolved at run time ---------------------------------------------------
 
@@ -200,6 +214,68 @@ void BM_lcl_set_qos_check_fail(benchmark::State &st) {
 }
 BENCHMARK(BM_lcl_set_qos_check_fail);
 
+// The station: six store reads, then "wpa_cli -iwlan0 status" into /var/nm/status_info, which the
+// get reads back. Argument 1: the command runs against the supplicant (a process start and a
+// control-socket exchange per call); 0: it does not, and the get reads the file the last run
+// left (the library's own share).
+void BM_lcl_get_sta(benchmark::State &st) {
+    const bool live = st.range(0) != 0;
+    run_commands.store(live);
+    long before = commands.load();
+    long calls = 0;
+    for (auto _ : st) {
+        qmtnm_sta_cfg c;
+        int32_t r = lcl_get(QMTNM_ID_STA, &c, 0);
+        ++calls;
+        if (r != 0 || (live && c.link_state != 1)) {
+            st.SkipWithError(live ? "qmtnm_lcl_get(sta) failed or wlan0 not connected (needs "
+                                    "wpa_supplicant on wlan0, see scripts/bench)"
+                                  : "qmtnm_lcl_get(sta) failed");
+            break;
+        }
+        benchmark::DoNotOptimize(c);
+    }
+    run_commands.store(false);
+    if (commands.load() - before != calls)
+        st.SkipWithError("qmtnm_lcl_get(sta) ran other than one command per call");
+}
+BENCHMARK(BM_lcl_get_sta)->Arg(1)->Arg(0);
+
+// The soft AP with the factory settings (open): eight store reads.
+void BM_lcl_get_ap(benchmark::State &st) {
+    long before = commands.load();
+    for (auto _ : st) {
+        nm_softap c;
+        if (lcl_get(QMTNM_ID_AP, &c, 0) != 0 || c.enable != 1) {
+            st.SkipWithError("qmtnm_lcl_get(ap) failed");
+            break;
+        }
+        benchmark::DoNotOptimize(c);
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_get_ap);
+
+// The stored record again: the compare reads it (eight reads) and finds nothing changed, so
+// neither the activate step nor anything after it runs.
+void BM_lcl_set_ap_uptodate(benchmark::State &st) {
+    nm_softap stored = {};
+    if (lcl_get(QMTNM_ID_AP, &stored, 0) != 0) {
+        st.SkipWithError("qmtnm_lcl_get(ap) failed");
+        return;
+    }
+    long before = commands.load();
+    for (auto _ : st) {
+        nm_softap c = stored;
+        if (lcl_set(QMTNM_ID_AP, &c, 0) != 0) {
+            st.SkipWithError("qmtnm_lcl_set(ap) failed");
+            break;
+        }
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_set_ap_uptodate);
+
 // ---- the store --------------------------------------------------------------------------------
 
 void BM_store_read(benchmark::State &st) {
@@ -285,7 +361,7 @@ void BM_sql_select(benchmark::State &st) {
         return;
     }
     const auto n = static_cast<size_t>(st.range(0));
-    const char *const *paths = n == 6 ? kLanPaths : kQosPaths;
+    const char *const *paths = n == 8 ? kApPaths : n == 6 ? kLanPaths : kQosPaths;
     char value[64];
     for (auto _ : st) {
         bool ok = true;
@@ -298,7 +374,7 @@ void BM_sql_select(benchmark::State &st) {
         benchmark::DoNotOptimize(value);
     }
 }
-BENCHMARK(BM_sql_select)->Arg(1)->Arg(2)->Arg(6);
+BENCHMARK(BM_sql_select)->Arg(1)->Arg(2)->Arg(6)->Arg(8);
 
 void BM_sql_insert(benchmark::State &st) {
     sql_conn c;
@@ -317,18 +393,19 @@ BENCHMARK(BM_sql_insert);
 
 // ---- several processes at once -------------------------------------------------------------
 
-// What each process does in a round: `pairs` times one get and one set of its instance.
-//   0 qos: every process on qos_lcl (id 11): both semaphores of one area, two store reads per
-//     call, the set up to date.
-//   1 one pending area: every process on doscan_lcl (id 13), whose area has no operations yet:
-//     the same lock traffic on one area, no store access.
-//   2 own pending areas: process i on its own instance of ids 13, 14, 17, 18 (no operations):
-//     the lock traffic with nothing shared.
+// What each process does in a round: `pairs` times two calls on its instance.
+//   0 qos: every process on qos_lcl (id 11): one get and one set, both semaphores of one area,
+//     two store reads per call, the set up to date.
+//   1 one get-only area: every process sets wanflash_lcl (id 12) twice. An instance with only a
+//     get has no operation for a set, which takes and releases the set semaphore and returns:
+//     lock traffic on one semaphore, no store access.
+//   2 own get-only areas: process i sets its own instance of ids 12, 13, 14, 17 twice (no
+//     operation runs): the lock traffic with nothing shared.
 //   3 floor: no library; each process runs the two SELECTs of a QoS call, twice per pair, on a
 //     prepared connection of its own.
-enum workload { qos = 0, one_pending = 1, own_pending = 2, sql_floor = 3 };
-constexpr uint32_t kPendingIds[] = {QMTNM_ID_DOSCAN, QMTNM_ID_SCANRESULT, QMTNM_ID_STAPIN,
-                                    QMTNM_ID_APPIN};
+enum workload { qos = 0, one_lock = 1, own_lock = 2, sql_floor = 3 };
+constexpr uint32_t kGetOnlyIds[] = {QMTNM_ID_WANFLASH, QMTNM_ID_DOSCAN, QMTNM_ID_SCANRESULT,
+                                    QMTNM_ID_STAPIN};
 constexpr int kMaxProcs = 4;
 
 // Rounds of some tens of milliseconds, so that waking the processes is lost in the noise.
@@ -351,11 +428,11 @@ class worker {
         case qos:
             id_ = QMTNM_ID_QOS;
             break;
-        case one_pending:
-            id_ = kPendingIds[0];
+        case one_lock:
+            id_ = kGetOnlyIds[0];
             break;
-        case own_pending:
-            id_ = kPendingIds[proc];
+        case own_lock:
+            id_ = kGetOnlyIds[proc];
             break;
         case sql_floor:
             if (!sql_.open(sysconf_db_path()))
@@ -373,9 +450,13 @@ class worker {
                 continue;
             }
             qmtnm_qos_cfg c = {};
-            if (lcl_get(id_, &c, 0) != 0)
-                ++failures_;
-            if (id_ == QMTNM_ID_QOS && (c.enable != kEnable || c.dscp != kDscp))
+            if (w_ != qos) {
+                // The set of a get-only instance touches no record.
+                if (lcl_set(id_, nullptr, 0) != 0 || lcl_set(id_, nullptr, 0) != 0)
+                    ++failures_;
+                continue;
+            }
+            if (lcl_get(id_, &c, 0) != 0 || c.enable != kEnable || c.dscp != kDscp)
                 ++failures_;
             c = {kEnable, kDscp};
             if (lcl_set(id_, &c, 0) != 0)
@@ -481,7 +562,7 @@ void BM_contention(benchmark::State &st) {
 }
 BENCHMARK(BM_contention)
     ->ArgNames({"load", "procs"})
-    ->ArgsProduct({{qos, sql_floor, one_pending, own_pending}, {1, 2, 4}})
+    ->ArgsProduct({{qos, sql_floor, one_lock, own_lock}, {1, 2, 4}})
     ->UseManualTime()
     ->Unit(benchmark::kMicrosecond);
 

@@ -91,6 +91,13 @@ def main(argv):
     row("qmtnm_lcl_get(lan)", 1, tmpfs, "BM_lcl_get_lan", "6 SELECTs", tmpfs, "BM_sql_select/6")
     row("qmtnm_lcl_set(lan) up to date, log level 1", 1, tmpfs, "BM_lcl_set_lan_uptodate",
         "6 SELECTs", tmpfs, "BM_sql_select/6")
+    row("qmtnm_lcl_get(sta), wpa_cli status on wlan0", 1, tmpfs, "BM_lcl_get_sta/1", "6 SELECTs",
+        tmpfs, "BM_sql_select/6")
+    row("qmtnm_lcl_get(sta), the same without running wpa_cli", 1, tmpfs, "BM_lcl_get_sta/0",
+        "6 SELECTs", tmpfs, "BM_sql_select/6")
+    row("qmtnm_lcl_get(ap)", 1, tmpfs, "BM_lcl_get_ap", "8 SELECTs", tmpfs, "BM_sql_select/8")
+    row("qmtnm_lcl_set(ap) up to date, log level 1", 1, tmpfs, "BM_lcl_set_ap_uptodate",
+        "8 SELECTs", tmpfs, "BM_sql_select/8")
     row("qmt_conf_scanf, one int", 1, tmpfs, "BM_store_read", sel1, tmpfs, "BM_sql_select/1")
     row("qmt_conf_printf, one int, db on tmpfs", 1, tmpfs, "BM_store_write", ins, tmpfs,
         "BM_sql_insert")
@@ -100,8 +107,8 @@ def main(argv):
     row("load: the same, with libsysconf and SQLite", 1, loadr, "BM_load_library/with_deps:1")
     loads = [
         (0, "get + up-to-date set, all on qos"),
-        (1, "get + set, all on one pending area (locks only)"),
-        (2, "get + set, each on its own pending area (locks only)"),
+        (1, "two sets, all on one get-only area (set lock only)"),
+        (2, "two sets, each on its own get-only area (set lock only)"),
     ]
     for load_id, what in loads:
         for procs in (1, 2, 4):

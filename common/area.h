@@ -4,6 +4,7 @@
 // describes its record once and calls these, so its own file reads like its description.
 #pragma once
 
+#include "common/raii.h"
 #include "qmtnm.h"
 
 #include <arpa/inet.h>
@@ -23,6 +24,7 @@ enum class field_type : uint8_t {
     i32,    // int32_t, "%k%k%d"
     str,    // char[cap], read with "%k%k%l%s", written with "%k%k%s"
     inaddr, // struct in_addr, kept as dotted-quad text (read capacity 16)
+    str_K,  // as str, but read with "%k%K%l%s" (the soft AP's name)
 };
 
 struct store_field {
@@ -50,6 +52,12 @@ struct store_map {
     stop_when stop = stop_when::never;
     uint8_t switch_field = 0;
     const uint8_t *read_order = nullptr; // indices into fields, when reads take another order
+
+    // count fields from first on, for an area that reads or writes some fields only in some
+    // cases: no switch, in their own order.
+    constexpr store_map slice(size_t first, size_t n) const {
+        return {section, module, fields + first, n};
+    }
 };
 
 // NM_FIELD(record, member, type, key, capacity, read message, write message[, written hook])
@@ -84,10 +92,24 @@ struct nochange_text {
 };
 
 using record_reader = int32_t (*)(void *stored);
-// Allocates a zeroed record of size bytes, fills it with reader, and sets *changed to whether
-// it differs from record. Logs the failures under func; *changed is left alone on failure.
+// Allocates a zeroed record of size bytes into stored and fills it with reader. Logs the
+// failures under func.
+int32_t read_stored(const char *func, uint32_t module, size_t size, record_reader reader,
+                    const nochange_text &text, unique_heap<void> &stored);
+// The same, then sets *changed to whether the stored record differs from record; *changed is
+// left alone on failure.
 int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
                         record_reader reader, const nochange_text &text, int32_t *changed);
+
+template <class Rec, int32_t (*Reader)(Rec *)>
+int32_t read_stored(const char *func, uint32_t module, const nochange_text &text,
+                    unique_heap<Rec> &stored) {
+    record_reader read = [](void *rec) { return Reader(static_cast<Rec *>(rec)); };
+    unique_heap<void> block;
+    int32_t r = read_stored(func, module, sizeof(Rec), read, text, block);
+    stored.reset(static_cast<Rec *>(block.release()));
+    return r;
+}
 
 template <class Rec, int32_t (*Reader)(Rec *)>
 int32_t config_nochange(const char *func, uint32_t module, const Rec *record,
@@ -112,6 +134,9 @@ bool hex_groups(const char *s, size_t count, char sep);
 // Whether s holds a control character (a line break, a tab, DEL...).
 bool has_control(const char *s);
 
+// Whether s is one or more hexadecimal digits and nothing else.
+bool all_hex(const char *s);
+
 // Percent-encodes s for a URL: letters, digits and "-._~" stay as they are, every other byte
 // becomes %XX. Writes at most cap bytes, NUL included; returns false if the result was cut.
 bool url_encode(const char *s, char *out, size_t cap);
@@ -119,6 +144,11 @@ bool url_encode(const char *s, char *out, size_t cap);
 // s for a double-quoted word of pppd's option and secrets files: a double quote or backslash
 // gets a backslash before it. Writes at most cap bytes, NUL included; false if cut.
 bool pppd_escape(const char *s, char *out, size_t cap);
+
+// s for the inside of a shell word in single quotes ('...'): a single quote becomes '\''
+// (close the quotes, an escaped quote, open them again); nothing else is special there. Writes
+// at most cap bytes, NUL included; false if cut.
+bool shell_squote(const char *s, char *out, size_t cap);
 
 // A text field of a record as a terminated string, also when the text fills all N bytes of the
 // field: nm::field_text(cfg->username).text.

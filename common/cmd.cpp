@@ -84,20 +84,42 @@ bool url_encode(const char *s, char *out, size_t cap) {
     return true;
 }
 
-bool pppd_escape(const char *s, char *out, size_t cap) {
+bool all_hex(const char *s) {
+    return *s != '\0' && strspn(s, "0123456789abcdefABCDEF") == strlen(s);
+}
+
+namespace {
+// Copies s into out, each character c as subst(c) (null: c itself). False if cut at cap.
+template <class Subst> bool escape(const char *s, char *out, size_t cap, Subst subst) {
     size_t n = 0;
     for (; *s; ++s) {
-        size_t need = (*s == '"' || *s == '\\') ? 2 : 1;
+        const char *with = subst(*s);
+        size_t need = with ? strlen(with) : 1;
         if (n + need >= cap) {
             out[n] = '\0';
             return false;
         }
-        if (need == 2)
-            out[n++] = '\\';
-        out[n++] = *s;
+        if (with) {
+            memcpy(out + n, with, need);
+            n += need;
+        } else {
+            out[n++] = *s;
+        }
     }
     out[n] = '\0';
     return true;
+}
+} // namespace
+
+bool pppd_escape(const char *s, char *out, size_t cap) {
+    return escape(s, out, cap, [](char c) -> const char * {
+        return c == '"' ? "\\\"" : c == '\\' ? "\\\\" : nullptr;
+    });
+}
+
+bool shell_squote(const char *s, char *out, size_t cap) {
+    return escape(s, out, cap,
+                  [](char c) -> const char * { return c == '\'' ? "'\\''" : nullptr; });
 }
 
 int32_t request_reboot(const char *func, uint32_t *activate) {

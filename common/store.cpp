@@ -28,6 +28,9 @@ int read_field(const char *section, const store_field &f, void *record) {
         return store_get_int(section, f.key, at<int32_t>(record, f.offset));
     case field_type::str:
         return store_get_str(section, f.key, at<char>(record, f.offset), f.cap);
+    case field_type::str_K:
+        return qmt_conf_scanf(kDomain, "%k%K%l%s", section, f.key, static_cast<int>(f.cap),
+                              at<char>(record, f.offset));
     case field_type::inaddr: {
         char text[kAddrCap] = {};
         int r = store_get_str(section, f.key, text, kAddrCap);
@@ -43,7 +46,8 @@ int write_field(const char *section, const store_field &f, const void *record) {
     switch (f.type) {
     case field_type::i32:
         return store_put_int(section, f.key, *at<int32_t>(record, f.offset));
-    case field_type::str: {
+    case field_type::str:
+    case field_type::str_K: {
         // A field filled to its last byte has no terminator: what is written ends there too.
         char text[kStrMax + 1] = {};
         const char *value = at<char>(record, f.offset);
@@ -118,9 +122,9 @@ int32_t store_write(const char *func, const store_map &map, const void *record) 
     return 0;
 }
 
-int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
-                        record_reader reader, const nochange_text &text, int32_t *changed) {
-    unique_heap<void> stored(calloc(1, size));
+int32_t read_stored(const char *func, uint32_t module, size_t size, record_reader reader,
+                    const nochange_text &text, unique_heap<void> &stored) {
+    stored.reset(calloc(1, size));
     if (!stored) {
         int32_t code = err(module, QMTNM_R_NOMEM);
         log(LOG_GATE_ERR, func, text.calloc_fail, code);
@@ -131,6 +135,14 @@ int32_t config_nochange(const char *func, uint32_t module, const void *record, s
         log(LOG_GATE_ERR, func, text.read_fail, r);
         return text.failure ? text.failure : r;
     }
+    return 0;
+}
+
+int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
+                        record_reader reader, const nochange_text &text, int32_t *changed) {
+    unique_heap<void> stored;
+    if (int32_t r = read_stored(func, module, size, reader, text, stored); r < 0)
+        return r;
     *changed = memcmp(record, stored.get(), size) != 0 ? 1 : 0;
     return 0;
 }

@@ -196,6 +196,69 @@ QMTNM_STATIC_ASSERT(sizeof(qmtnm_ddns_cfg) == 104, "DDNS record is 104 bytes");
 QMTNM_STATIC_ASSERT(offsetof(qmtnm_ddns_cfg, username) == 40, "DDNS record: username at 40");
 QMTNM_STATIC_ASSERT(offsetof(qmtnm_ddns_cfg, password) == 72, "DDNS record: password at 72");
 
+/* sta_lcl: the Wi-Fi station wlan0, driven through the running wpa_supplicant (network 0). A
+ * set joins the network given, or with use_wps by WPS; link_state is filled by a get only. */
+typedef struct qmtnm_sta_cfg {
+    int32_t enable;      /* 0 off (network 0 is removed), nonzero on */
+    char ssid[32];       /* 1..32 characters */
+    int32_t auth;        /* 0 open, 1 WEP, 2..4 WPA passphrase */
+    int32_t encry;       /* with auth 2..4: 0..2 */
+    int32_t index;       /* WEP key number 1..4 */
+    char password[64];   /* WEP key (5 or 13 characters, or 10 or 26 hexadecimal digits) or WPA
+                            passphrase (8..64 characters) */
+    int32_t use_wps;     /* nonzero: join by WPS instead (not stored) */
+    int32_t push_button; /* with use_wps: nonzero push button, 0 PIN (not stored) */
+    char wps_pin[9];     /* the PIN method's 8 digits */
+    int32_t link_state;  /* get: 0 not connected, 1 connected, 2 handshake under way, 3 other */
+} qmtnm_sta_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_sta_cfg) == 136, "station record is 136 bytes");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_sta_cfg, password) == 48, "station record: password at 48");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_sta_cfg, wps_pin) == 120, "station record: wps_pin at 120");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_sta_cfg, link_state) == 132,
+                    "station record: link_state at 132");
+
+/* doscan_lcl: a get scans on wlan0 (up to some 10 s) and stores the number of result lines in
+ * the uint32_t its argument points to. scanresult_lcl: a get fills an array of entries, its
+ * second argument the array's size in bytes, and returns the number of entries filled MINUS 2
+ * (two networks give 0, none gives -2). */
+typedef struct qmtnm_scan_entry {
+    char ssid[32];   /* a 32-character name fills the field; its terminator then takes the first
+                        byte of bssid, which reads as empty */
+    char bssid[20];  /* "xx:xx:xx:xx:xx:xx" */
+    int32_t channel; /* (frequency in MHz - 2407) / 5: 2412 gives 1, 2484 gives 15 */
+    int32_t signal;  /* dBm */
+    char flags[64];  /* as wpa_supplicant prints them: "[WPA2-PSK-CCMP][ESS]" */
+} qmtnm_scan_entry;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_scan_entry) == 124, "scan entry is 124 bytes");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_scan_entry, channel) == 52, "scan entry: channel at 52");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_scan_entry, flags) == 60, "scan entry: flags at 60");
+
+/* stapin_lcl, appin_lcl: a get makes a new WPS PIN (8 digits with the WPS check digit), stores
+ * it as the station's or the soft AP's PIN and writes it as text into a buffer of at least
+ * QMTNM_WPS_PIN_SIZE bytes. PINs made within one second are equal. */
+#define QMTNM_WPS_PIN_SIZE 9
+
+/* ap_lcl: the soft access point on wlan1 (hostapd). Switching it on or off is stored and takes
+ * effect at the next start of the device; other changes rewrite hostapd.conf and make hostapd
+ * reread it. */
+typedef struct nm_softap {
+    int32_t enable;     /* 0 off, nonzero on */
+    char ssid[32];      /* 1..32 characters */
+    int32_t channel;    /* 1..13 in bits 0-7; bits 8-15 are a marker, ignored */
+    int32_t hw_mode;    /* 0 802.11b, 1 802.11g, 2 802.11g with 802.11n */
+    int32_t hide_ssid;  /* 0 broadcast the name, 1 hide it */
+    int32_t auth;       /* 0 open, 1 WEP, 2..4 WPA (hostapd's wpa=auth-1) */
+    int32_t encry;      /* with auth 2..4: 0 CCMP, 1 TKIP, 2 TKIP and CCMP */
+    int32_t index;      /* WEP key slot 1..4 */
+    char password[64];  /* WEP key or WPA passphrase, as for the station */
+    int32_t wps_enable; /* nonzero: WPS on */
+    char wps_pin[16];   /* the AP's PIN, 8 digits (made by appin_lcl) */
+} nm_softap;
+typedef nm_softap qmtnm_softap_cfg;
+QMTNM_STATIC_ASSERT(sizeof(nm_softap) == 144, "soft-AP record is 144 bytes");
+QMTNM_STATIC_ASSERT(offsetof(nm_softap, password) == 60, "soft-AP record: password at 60");
+QMTNM_STATIC_ASSERT(offsetof(nm_softap, wps_enable) == 124, "soft-AP record: wps_enable at 124");
+
 /* ---- exported calls and data ---------------------------------------------------------- */
 QMTNM_API int32_t qmtnm_lcl_set(uint32_t id, void *arg1, uintptr_t arg2);
 QMTNM_API int32_t qmtnm_lcl_get(uint32_t id, void *arg1, uintptr_t arg2);

@@ -1,6 +1,7 @@
 /* The public headers compile as strict C99 (with -Wall -Wextra -Werror -pedantic). */
 #include "qmtnm.h"
 #include "qmt_conf.h"
+#include "wpa_ctrl.h"
 
 int qmtnm_c_header_check(void);
 int qmtnm_c_header_check(void) {

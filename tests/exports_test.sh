@@ -13,7 +13,9 @@ ch_hex qmt_hconf_header qmt_hconf_entry qmt_hconf_header_dump qmt_hconf_entry_du
 qmt_hconf_read_header qmt_hconf_write_header qmt_hconf_read_entry qmt_hconf_write_entry
 qmt_hconf_del_entry qmt_hconf_save qmt_hconf_update qmt_hconf_sync qmt_hconf_clear
 "
-required="qmtnm_lcl_set qmtnm_lcl_get get_lcl_instance nm_log_level qos_lcl wan_lcl appin_lcl"
+required="qmtnm_lcl_set qmtnm_lcl_get get_lcl_instance nm_log_level qos_lcl wan_lcl appin_lcl
+wpa_ctrl_open wpa_ctrl_close wpa_ctrl_request wpa_ctrl_attach wpa_ctrl_detach wpa_ctrl_recv
+wpa_ctrl_pending wpa_ctrl_pending_timeout wpa_ctrl_get_fd"
 exported=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | sort -u)
 bad=0
 for s in $exported; do

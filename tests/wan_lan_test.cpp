@@ -55,21 +55,7 @@ void ip_cmd(const std::string &args) {
     EXPECT_EQ(nmtest::sh("ip " + args + " 2>&1 && echo ok"), "ok\n") << "ip " << args;
 }
 
-class WanLan : public testing::Test {
-  protected:
-    void SetUp() override {
-        nmtest::load_defaults();
-        nmtest::set_activate_flag(1);
-        nmtest::run_commands(false);
-        nmtest::clear_commands();
-        nm_log_level = 1;
-        logs().clear();
-    }
-    void TearDown() override {
-        nmtest::run_commands(true);
-        nm_log_level = 1;
-    }
-};
+using WanLan = nmtest::area_test;
 
 // ---- checks ----------------------------------------------------------------------------------
 

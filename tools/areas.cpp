@@ -52,6 +52,41 @@ const field ddns_fields[] = {
     CLI_FIELD(qmtnm_ddns_cfg, password, secret),
 };
 
+const field sta_fields[] = {
+    CLI_FIELD(qmtnm_sta_cfg, enable, i32),  CLI_FIELD(qmtnm_sta_cfg, ssid, str),
+    CLI_FIELD(qmtnm_sta_cfg, auth, i32),    CLI_FIELD(qmtnm_sta_cfg, encry, i32),
+    CLI_FIELD(qmtnm_sta_cfg, index, i32),   CLI_FIELD(qmtnm_sta_cfg, password, secret),
+    CLI_FIELD(qmtnm_sta_cfg, use_wps, i32), CLI_FIELD(qmtnm_sta_cfg, push_button, i32),
+    CLI_FIELD(qmtnm_sta_cfg, wps_pin, str), CLI_FIELD(qmtnm_sta_cfg, link_state, i32),
+};
+
+// wps=pbc joins by push button, wps=pin by the PIN (pin=NNNNNNNN, or the stored one).
+bool sta_word(void *record, const char *name, const char *value, bool *known) {
+    auto *sta = static_cast<qmtnm_sta_cfg *>(record);
+    *known = true;
+    if (!strcmp(name, "wps") && (!strcmp(value, "pbc") || !strcmp(value, "pin"))) {
+        sta->use_wps = 1;
+        sta->push_button = !strcmp(value, "pbc");
+        return true;
+    }
+    if (!strcmp(name, "pin") && strlen(value) < sizeof sta->wps_pin) {
+        memset(sta->wps_pin, 0, sizeof sta->wps_pin);
+        memcpy(sta->wps_pin, value, strlen(value));
+        return true;
+    }
+    *known = !strcmp(name, "wps") || !strcmp(name, "pin");
+    return false;
+}
+
+const field ap_fields[] = {
+    CLI_FIELD(nm_softap, enable, i32),      CLI_FIELD(nm_softap, ssid, str),
+    CLI_FIELD(nm_softap, channel, i32),     CLI_FIELD(nm_softap, hw_mode, i32),
+    CLI_FIELD(nm_softap, hide_ssid, i32),   CLI_FIELD(nm_softap, auth, i32),
+    CLI_FIELD(nm_softap, encry, i32),       CLI_FIELD(nm_softap, index, i32),
+    CLI_FIELD(nm_softap, password, secret), CLI_FIELD(nm_softap, wps_enable, i32),
+    CLI_FIELD(nm_softap, wps_pin, str),
+};
+
 const area all_areas[] = {
     // wan reports the live port; a set starts from the stored settings (wanflash).
     CLI_AREA_AS("wan", QMTNM_ID_WAN, qmtnm_wan_cfg, wan_fields, QMTNM_ID_WANFLASH, true),
@@ -65,15 +100,21 @@ const area all_areas[] = {
          std::size(ethmac_fields), QMTNM_ID_ETHMAC, true, true},
     CLI_AREA("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, pppoe_fields),
     CLI_AREA("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, ddns_fields),
+    // A get reports the stored station and the supplicant's link state.
+    area{"sta", "sta_lcl", QMTNM_ID_STA, sizeof(qmtnm_sta_cfg), sta_fields, std::size(sta_fields),
+         QMTNM_ID_STA, true, false, sta_word},
+    CLI_AREA("ap", QMTNM_ID_AP, nm_softap, ap_fields),
 };
 
 // The boot apply's order: marking first, so that every packet the device sends afterwards
 // carries it; then the WAN port (address and default route) and the LAN (bridge address and
 // DHCP server); PPPoE once br0, where its plugin runs, has its address; DDNS last, because its
-// first update goes out at once and needs the way upstream. The bridge and Ethernet type have no
-// apply of their own (their stored values are read by the areas that use them), and the MAC
-// address is not stored.
-const char *const boot_order[] = {"qos", "wan", "lan", "pppoe", "ddns"};
+// first update goes out at once and needs the way upstream; the soft AP after them, so that its
+// hostapd.conf (bridged to br0 when the LAN is) is written before the start-up script starts
+// hostapd. The bridge and Ethernet type have no apply of their own (their stored values are read
+// by the areas that use them), the MAC address is not stored, and the station is the running
+// wpa_supplicant's own configuration.
+const char *const boot_order[] = {"qos", "wan", "lan", "pppoe", "ddns", "ap"};
 
 // Short names of every instance, by id, for decoding error codes.
 const char *const instance_names[QMTNM_ID_COUNT] = {

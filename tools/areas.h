@@ -33,6 +33,9 @@ struct area {
     uint32_t stored_id; // the instance whose get gives the stored record a set starts from
     bool settable;      // false for the areas that only report
     bool text_set;      // a set takes one text argument as it is (ethmac), not field=value
+    // Words of a set beyond the fields (the station's wps=pbc): true if name is one and value
+    // fits, with *known set to whether name is one.
+    bool (*word)(void *record, const char *name, const char *value, bool *known) = nullptr;
 };
 
 // The area called name (short or instance name), or null.

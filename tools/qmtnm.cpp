@@ -3,7 +3,10 @@
 //   qmtnm [-v] [--json] [--secrets] get AREA
 //   qmtnm [-v] [--host] set AREA field=value ...
 //   qmtnm [-v] [--host] set ethmac XX:XX:XX:XX:XX:XX
+//   qmtnm [-v] [--host] set sta wps=pbc | wps=pin [pin=NNNNNNNN]   join by WPS
 //   qmtnm [-v] [--host] boot   apply the stored settings of every area once, as at start-up
+//   qmtnm [--json] [--host] scan      scan on wlan0 and list the networks found
+//   qmtnm [--json] [--host] pin sta|ap   make, store and print a new WPS PIN
 //   qmtnm areas
 //   qmtnm iface IFNAME        address, netmask and hardware address as the library reads them
 //   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
@@ -19,7 +22,9 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <vector>
 #include <semaphore.h>
+#include <string>
 #include <syslog.h>
 
 namespace {
@@ -39,6 +44,9 @@ int usage() {
     fputs("usage: qmtnm [options] get AREA\n"
           "       qmtnm [options] set AREA field=value ...\n"
           "       qmtnm [options] set ethmac XX:XX:XX:XX:XX:XX\n"
+          "       qmtnm [options] set sta wps=pbc | wps=pin [pin=NNNNNNNN]\n"
+          "       qmtnm [options] scan\n"
+          "       qmtnm [options] pin sta|ap\n"
           "       qmtnm [options] boot\n"
           "       qmtnm areas\n"
           "       qmtnm iface IFNAME\n"
@@ -52,7 +60,10 @@ int usage() {
           "  --secrets       show passwords instead of masking them\n"
           "AREA is a short name (qos) or an instance name (qos_lcl). 'set' starts from the\n"
           "stored settings and changes the fields given. 'boot' applies the stored settings of\n"
-          "every area once, as the device does when it starts.\n",
+          "every area once, as the device does when it starts.\n"
+          "'set sta wps=pbc' joins a network by WPS push button, 'wps=pin' by the PIN given with\n"
+          "pin= (or the stored one), waiting up to two minutes. 'scan' lists the networks wlan0\n"
+          "finds; 'pin' makes a new WPS PIN for the station or the soft AP and stores it.\n",
           stderr);
     return 2;
 }
@@ -272,6 +283,16 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     for (int i = 0; i < argc; ++i) {
         const char *eq = strchr(argv[i], '=');
         const field *f = eq ? find_field(a, argv[i], static_cast<size_t>(eq - argv[i])) : nullptr;
+        if (f == nullptr && eq && a.word) {
+            std::string name(argv[i], static_cast<size_t>(eq - argv[i]));
+            bool known = false;
+            if (a.word(rec.get(), name.c_str(), eq + 1, &known))
+                continue;
+            if (known) {
+                fprintf(stderr, "qmtnm: %s: '%s' is not a valid value\n", name.c_str(), eq + 1);
+                return 2;
+            }
+        }
         if (f == nullptr) {
             fprintf(stderr, "qmtnm: %s: expected field=value with a field of %s\n", argv[i],
                     a.name);
@@ -359,6 +380,69 @@ int cmd_hosts(const options &opt) {
     return r < 0 ? report("hosts", r) : 0;
 }
 
+// A scan, then its results: the result call gives the entries filled minus 2.
+int cmd_scan(const options &opt) {
+    if (!may_change_machine(opt))
+        return 1;
+    uint32_t count = 0;
+    int32_t r = qmtnm_lcl_get(QMTNM_ID_DOSCAN, &count, 0);
+    if (r < 0)
+        return report("doscan", r);
+    std::vector<qmtnm_scan_entry> entries(count);
+    r = qmtnm_lcl_get(QMTNM_ID_SCANRESULT, entries.data(), count * sizeof(qmtnm_scan_entry));
+    if (r < -2)
+        return report("scanresult", r);
+    size_t filled = static_cast<size_t>(r + 2);
+    if (!opt.json)
+        printf("%-32s  %-17s  %7s  %6s  %s\n", "ssid", "bssid", "channel", "signal", "flags");
+    else
+        fputs("[", stdout);
+    for (size_t i = 0; i < filled; ++i) {
+        const qmtnm_scan_entry &e = entries[i];
+        // Never read past a field, even when the text fills it.
+        char ssid[sizeof e.ssid + 1] = {}, bssid[sizeof e.bssid + 1] = {};
+        char flags[sizeof e.flags + 1] = {};
+        memcpy(ssid, e.ssid, sizeof e.ssid);
+        memcpy(bssid, e.bssid, sizeof e.bssid);
+        memcpy(flags, e.flags, sizeof e.flags);
+        if (!opt.json) {
+            printf("%-32s  %-17s  %7d  %6d  %s\n", ssid, bssid, e.channel, e.signal, flags);
+            continue;
+        }
+        fputs(i ? ",{\"ssid\":" : "{\"ssid\":", stdout);
+        json_string(ssid);
+        fputs(",\"bssid\":", stdout);
+        json_string(bssid);
+        printf(",\"channel\":%d,\"signal\":%d,\"flags\":", e.channel, e.signal);
+        json_string(flags);
+        putchar('}');
+    }
+    if (opt.json)
+        puts("]");
+    return 0;
+}
+
+int cmd_pin(const char *who, const options &opt) {
+    uint32_t id;
+    if (!strcmp(who, "sta"))
+        id = QMTNM_ID_STAPIN;
+    else if (!strcmp(who, "ap"))
+        id = QMTNM_ID_APPIN;
+    else
+        return usage();
+    if (!may_change_machine(opt))
+        return 1;
+    char pin[QMTNM_WPS_PIN_SIZE] = {};
+    int32_t r = qmtnm_lcl_get(id, pin, 0);
+    if (r < 0)
+        return report(cli::area_name_by_id(id), r);
+    if (opt.json)
+        printf("{\"area\":\"%s\",\"pin\":\"%s\"}\n", who, pin);
+    else
+        puts(pin);
+    return 0;
+}
+
 int cmd_areas() {
     for (const area *a = cli::areas_begin(); a != cli::areas_end(); ++a) {
         printf("%-10s %-14s id %2u%s:", a->name, a->instance, a->id, a->settable ? "" : " (get)");
@@ -411,6 +495,19 @@ int main(int argc, char **argv) {
     }
     if (!strcmp(cmd, "iface") && i + 1 == argc)
         return cmd_iface(argv[i]);
+    if (!strcmp(cmd, "scan") || !strcmp(cmd, "pin")) {
+        int rest = i;
+        for (int j = i; j < argc; ++j)
+            if (!take_flag(opt, argv[j]))
+                argv[rest++] = argv[j];
+        if (opt.verbose)
+            openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
+        if (!strcmp(cmd, "scan") && rest == i)
+            return cmd_scan(opt);
+        if (!strcmp(cmd, "pin") && rest == i + 1)
+            return cmd_pin(argv[i], opt);
+        return usage();
+    }
     if (i >= argc)
         return usage();
     const area *a = cli::find_area(argv[i++]);

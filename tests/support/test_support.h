@@ -3,6 +3,10 @@
 // processes that hold a lock.
 #pragma once
 
+#include "qmtnm.h"
+
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -78,5 +82,24 @@ std::string sh(const std::string &cmd);
 
 // Milliseconds of a monotonic clock.
 int64_t now_ms();
+
+// A test of an area's calls: the factory settings, the activate flag set, commands recorded and
+// not run, the default log level and an empty log at the start of each test.
+class area_test : public testing::Test {
+  protected:
+    void SetUp() override {
+        load_defaults();
+        set_activate_flag(1);
+        run_commands(false);
+        clear_commands();
+        nm_log_level = 1;
+        logs().clear();
+    }
+    void TearDown() override {
+        run_commands(true);
+        set_activate_flag(1);
+        nm_log_level = 1;
+    }
+};
 
 } // namespace nmtest
