@@ -67,6 +67,10 @@ class Device:
         """Runs cmd on a peer machine: "upstream" or "lan"."""
         return self._sim([machine] + list(cmd), check=check, timeout=timeout)
 
+    def popen(self, *cmd):
+        """Starts cmd on the device without waiting; a Popen with text pipes."""
+        return self.popen_on("--", *cmd)
+
     def popen_on(self, machine, *cmd):
         return subprocess.Popen([DEVICE, machine] + list(cmd), env=self.env,
                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,

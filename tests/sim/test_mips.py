@@ -2,6 +2,7 @@
 """The full-system device (QMTNM_SIM=mips): the device build on the target's CPU, byte order and
 kernel under qemu-system-mipsel, against real daemons. The device boots once for the class;
 what one test changes, it puts back."""
+import json
 import re
 import sys
 import time
@@ -10,6 +11,7 @@ sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 import simdevice  # noqa: E402
 from simdevice import SimTestCase  # noqa: E402
 
+PASSPHRASE = "it's \"a\" pass"
 UPSTREAM_AP = """interface=wlan2
 driver=nl80211
 ctrl_interface=/run/hostapd
@@ -19,7 +21,7 @@ channel=6
 wpa=2
 wpa_key_mgmt=WPA-PSK
 rsn_pairwise=CCMP
-wpa_passphrase=correct horse battery
+wpa_passphrase=it's "a" pass
 wps_state=2
 eap_server=1
 """
@@ -113,55 +115,91 @@ class FullSystem(SimTestCase):
         self.assertRegex(leases, rf"(?im)^{re.escape(mac)}\s+{re.escape(addr)}\b")
         self.assertIn("nameserver 10.99.0.1", self.dev.out("cat", "/var/nm/resolv.conf"))
 
-    def test_station_scans_and_joins_by_passphrase_and_by_wps(self):
-        # The upstream router's radio serves a WPA2 network with WPS.
+    def sta(self):
+        return json.loads(self.qmtnm("--json", "--secrets", "get", "sta").stdout)
+
+    def led(self):
+        return self.dev.out("/bin/sh", "-c", "cd /sys/class/leds/wifi_led && "
+                            "echo $(cat trigger brightness delay_on delay_off)").split()
+
+    def test_station_joins_scans_and_joins_by_wps_button_and_pin(self):
+        # The upstream router's radio serves a WPA2 network with WPS, its passphrase holding a
+        # single quote, a double quote and blanks.
         self.dev._sim(["upstream", "/bin/sh", "-c",
                        "cat >/tmp/up-ap.conf && hostapd -B -P /run/hostapd.pid /tmp/up-ap.conf"],
                       input=UPSTREAM_AP)
         self.addCleanup(self.dev.on, "upstream", "/bin/sh", "-c", "kill $(cat /run/hostapd.pid)",
                         check=False)
-        self.start_supplicant("device", "wlan0", "ctrl_interface=/run/wpa_supplicant\n"
-                              "update_config=1\n"
-                              "network={\n ssid=\"upstream-wpa2\"\n psk=\"correct horse battery\"\n}\n")
-        self.assertEqual(self.wait_for("COMPLETED by passphrase",
-                                       lambda: self.supplicant_state("device", "wlan0")
-                                       == "COMPLETED" and "COMPLETED"), "COMPLETED")
-        status = self.dev.out("wpa_cli", "-i", "wlan0", "status")
-        self.assertIn("ssid=upstream-wpa2", status)
-        self.assertIn("key_mgmt=WPA2-PSK", status)
-        self.dev.run("wpa_cli", "-i", "wlan0", "scan")
-        results = self.wait_for("scan results", lambda: "upstream-wpa2" in (
-            r := self.dev.out("wpa_cli", "-i", "wlan0", "scan_results")) and r)
-        self.assertRegex(results, r"02:00:00:00:02:00\t2437\t-?\d+\t\[WPA2-PSK-CCMP\]\[WPS\]")
+        self.addCleanup(self.qmtnm, "set", "sta", "enable=0")
 
-        # WPS push button: the station forgets the network, both sides press the button, and
-        # the access point hands over the passphrase: the network is known again.
-        self.dev.run("wpa_cli", "-i", "wlan0", "remove_network", "all")
-        self.wait_for("disconnected", lambda: self.supplicant_state("device", "wlan0")
-                      != "COMPLETED")
+        # By passphrase: the supplicant's own saved configuration holds the network as given.
+        self.qmtnm("set", "sta", "enable=1", "ssid=upstream-wpa2", "auth=2", "encry=0",
+                   f"password={PASSPHRASE}")
+        self.wait_for("link_state 1", lambda: self.sta()["link_state"] == 1)
+        saved = self.dev.out("cat", "/var/nm/wpa_supplicant.conf")
+        self.assertIn('\tssid="upstream-wpa2"\n', saved)
+        self.assertIn(f'\tpsk="{PASSPHRASE}"\n', saved)
+
+        # The survey lists the router's network with its channel and flags.
+        scan = json.loads(self.qmtnm("--json", "scan").stdout)
+        ours = [n for n in scan if n["ssid"] == "upstream-wpa2"]
+        self.assertEqual(len(ours), 1, scan)
+        self.assertEqual((ours[0]["bssid"], ours[0]["channel"]), ("02:00:00:00:02:00", 6))
+        self.assertIn("[WPA2-PSK-CCMP]", ours[0]["flags"])
+
+        # WPS push button: the station forgets its network and blinks the LED while it waits;
+        # once the router's button is pressed it joins, the LED stays on, and the learned
+        # network is stored.
+        self.qmtnm("set", "sta", "enable=0")
+        self.wait_for("link_state 0", lambda: self.sta()["link_state"] == 0)
+        self.dev.sh("sysconf set -s network/network_sta/ssid '' && "
+                    "sysconf set -s network/network_sta/password ''")
+        wps = self.dev.popen("qmtnm", "set", "sta", "wps=pbc")
+        self.assertEqual(self.wait_for("the LED blinking", lambda: self.led()[0] == "timer"
+                                       and self.led()), ["timer", "0", "500", "500"])
         self.dev.on("upstream", "hostapd_cli", "-p", "/run/hostapd", "-i", "wlan2", "wps_pbc")
-        self.dev.run("wpa_cli", "-i", "wlan0", "wps_pbc")
-        self.wait_for("COMPLETED by WPS",
-                      lambda: self.supplicant_state("device", "wlan0") == "COMPLETED", 60)
-        self.assertIn("ssid=upstream-wpa2", self.dev.out("wpa_cli", "-i", "wlan0", "status"))
-        self.assertRegex(self.dev.out("wpa_cli", "-i", "wlan0", "list_networks"),
-                         r"\tupstream-wpa2\t")
+        out, err = wps.communicate(timeout=130)
+        self.assertEqual(wps.returncode, 0, out + err)
+        self.assertEqual(self.led()[:2], ["none", "1"])
+        got = self.sta()
+        self.assertEqual((got["ssid"], got["password"], got["auth"], got["link_state"]),
+                         ("upstream-wpa2", PASSPHRASE, 2, 1))
 
-    def test_lan_client_joins_the_soft_ap(self):
-        self.dev.run("/bin/sh", "-c", "cat >/tmp/softap.conf && "
-                     "hostapd -B -P /run/hostapd-wlan1.pid /tmp/softap.conf",
-                     input="interface=wlan1\ndriver=nl80211\nctrl_interface=/run/hostapd\n"
-                           "ssid=qmtnm-softap\nhw_mode=g\nchannel=1\nwpa=2\n"
-                           "wpa_key_mgmt=WPA-PSK\nrsn_pairwise=CCMP\nwpa_passphrase=softap-pass\n")
-        self.addCleanup(self.dev.run, "/bin/sh", "-c", "kill $(cat /run/hostapd-wlan1.pid)",
-                        check=False)
+        # WPS PIN: a new PIN from the library, which the router's hostapd accepts only with a
+        # right check digit.
+        pin = self.qmtnm("pin", "sta").stdout.strip()
+        self.assertRegex(pin, r"^\d{8}$")
+        self.assertEqual(self.sta()["wps_pin"], pin)
+        self.qmtnm("set", "sta", "enable=0")
+        self.wait_for("link_state 0", lambda: self.sta()["link_state"] == 0)
+        self.dev.on("upstream", "hostapd_cli", "-p", "/run/hostapd", "-i", "wlan2", "wps_pin",
+                    "any", pin)
+        self.dev.run("qmtnm", "set", "sta", "wps=pin", timeout=130)
+        self.assertEqual(self.sta()["link_state"], 1)
+
+    def test_soft_ap_serves_the_stored_network_and_what_set_ap_writes(self):
+        def serving():
+            r = self.dev.run("hostapd_cli", "-p", "/var/run/hostapd", "-i", "wlan1",
+                             "get_config", check=False)
+            m = re.search(r"^ssid=(.*)$", r.stdout, re.M)
+            return m and m.group(1)
+        # At power-on hostapd serves the stored (factory) soft AP, an open network in br0.
+        self.assertEqual(serving(), "qmtnm-ap")
+        self.assertIn("wlan1", self.dev.out("ls", "/sys/class/net/br0/brif"))
+
+        # A new name and WPA2: the running hostapd rereads its file and serves them, and the LAN
+        # host's radio joins with the passphrase.
+        self.qmtnm("set", "ap", "ssid=qmtnm-new", "auth=2", "encry=0", f"password={PASSPHRASE}")
+        self.addCleanup(self.qmtnm, "set", "ap", "ssid=qmtnm-ap", "auth=0")
+        self.wait_for("the new SSID", lambda: serving() == "qmtnm-new")
         self.start_supplicant("lan", "wlan3", "ctrl_interface=/run/wpa_supplicant\n"
-                              "network={\n ssid=\"qmtnm-softap\"\n psk=\"softap-pass\"\n}\n")
+                              'network={\n ssid="qmtnm-new"\n'
+                              f' psk="{PASSPHRASE}"\n}}\n')
         self.wait_for("the LAN host's radio COMPLETED",
                       lambda: self.supplicant_state("lan", "wlan3") == "COMPLETED")
         client = self.dev.on("lan", "cat", "/sys/class/net/wlan3/address").stdout.strip()
-        self.assertIn(client, self.dev.out("hostapd_cli", "-p", "/run/hostapd", "-i", "wlan1",
-                                           "all_sta"))
+        self.assertIn(client, self.dev.out("hostapd_cli", "-p", "/var/run/hostapd", "-i",
+                                           "wlan1", "all_sta"))
 
     def test_pppoe_account_applied_at_boot_brings_the_session_up(self):
         # pppd runs on br0, so the access concentrator sits on br0's segment: the LAN host. The
