@@ -111,10 +111,10 @@ const area all_areas[] = {
 // DHCP server); PPPoE once br0, where its plugin runs, has its address; DDNS last, because its
 // first update goes out at once and needs the way upstream; the soft AP after them, so that its
 // hostapd.conf (bridged to br0 when the LAN is) is written before the start-up script starts
-// hostapd. The bridge and Ethernet type have no apply of their own (their stored values are read
-// by the areas that use them), the MAC address is not stored, and the station is the running
-// wpa_supplicant's own configuration.
-const char *const boot_order[] = {"qos", "wan", "lan", "pppoe", "ddns", "ap"};
+// hostapd; the station, whose stored network goes back into the supplicant (started empty) as
+// network 0. The bridge and Ethernet type have no apply of their own (their stored values are
+// read by the areas that use them), and the MAC address is not stored.
+const char *const boot_order[] = {"qos", "wan", "lan", "pppoe", "ddns", "ap", "sta"};
 
 // Short names of every instance, by id, for decoding error codes.
 const char *const instance_names[QMTNM_ID_COUNT] = {
