@@ -187,9 +187,9 @@ class FullSystem(SimTestCase):
         self.assertEqual(serving(), "qmtnm-ap")
         self.assertIn("wlan1", self.dev.out("ls", "/sys/class/net/br0/brif"))
 
-        # A new name and WPA2: the running hostapd rereads its file and serves them, and the LAN
-        # host's radio joins with the passphrase.
-        self.qmtnm("set", "ap", "ssid=qmtnm-new", "auth=2", "encry=0", f"password={PASSPHRASE}")
+        # A new name and WPA2 (auth 3, hostapd's wpa=2): the running hostapd rereads its file
+        # and serves them, and the LAN host's radio joins with the passphrase.
+        self.qmtnm("set", "ap", "ssid=qmtnm-new", "auth=3", "encry=0", f"password={PASSPHRASE}")
         self.addCleanup(self.qmtnm, "set", "ap", "ssid=qmtnm-ap", "auth=0")
         self.wait_for("the new SSID", lambda: serving() == "qmtnm-new")
         self.start_supplicant("lan", "wlan3", "ctrl_interface=/run/wpa_supplicant\n"
@@ -198,6 +198,8 @@ class FullSystem(SimTestCase):
         self.wait_for("the LAN host's radio COMPLETED",
                       lambda: self.supplicant_state("lan", "wlan3") == "COMPLETED")
         client = self.dev.on("lan", "cat", "/sys/class/net/wlan3/address").stdout.strip()
+        self.assertIn("key_mgmt=WPA2-PSK", self.dev.on("lan", "wpa_cli", "-i", "wlan3",
+                                                      "status").stdout)
         self.assertIn(client, self.dev.out("hostapd_cli", "-p", "/var/run/hostapd", "-i",
                                            "wlan1", "all_sta"))
 
