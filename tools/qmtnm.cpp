@@ -4,6 +4,7 @@
 //   qmtnm [-v] [--host] set AREA field=value ...
 //   qmtnm [-v] [--host] set ethmac XX:XX:XX:XX:XX:XX
 //   qmtnm [-v] [--host] set sta wps=pbc | wps=pin [pin=NNNNNNNN]   join by WPS
+//   qmtnm [-v] [--host] set ipfilter [enable=1] [mode=white|black] rule=BEGIN-END ...
 //   qmtnm [-v] [--host] boot   apply the stored settings of every area once, as at start-up
 //   qmtnm [--json] [--host] scan      scan on wlan0 and list the networks found
 //   qmtnm [--json] [--host] pin sta|ap   make, store and print a new WPS PIN
@@ -63,7 +64,9 @@ int usage() {
           "every area once, as the device does when it starts.\n"
           "'set sta wps=pbc' joins a network by WPS push button, 'wps=pin' by the PIN given with\n"
           "pin= (or the stored one), waiting up to two minutes. 'scan' lists the networks wlan0\n"
-          "finds; 'pin' makes a new WPS PIN for the station or the soft AP and stores it.\n",
+          "finds; 'pin' makes a new WPS PIN for the station or the soft AP and stores it.\n"
+          "'set ipfilter' takes mode=white or mode=black and its ranges as rule=BEGIN-END, one\n"
+          "word a range; the ranges given replace the stored ones (index=0 removes them all).\n",
           stderr);
     return 2;
 }
@@ -157,6 +160,30 @@ void print_value(void *record, const field &f, const options &opt) {
         json ? json_string(text) : (void)fputs(text, stdout);
         break;
     }
+    case ftype::list: {
+        const char *text = *member<int32_t>(record, f) != 0 ? "white" : "black";
+        json ? json_string(text) : (void)fputs(text, stdout);
+        break;
+    }
+    case ftype::ranges:
+        break; // one line or list element per rule: print_ranges
+    }
+}
+
+// The IP filter's rules in use, each as BEGIN-END: a JSON list, or a "rule = " line each.
+void print_ranges(const void *record, const options &opt) {
+    const auto *ipf = static_cast<const qmtnm_ipfilter_cfg *>(record);
+    int32_t n = ipf->index < 0 ? 0 : ipf->index > QMTNM_IPF_RULES ? QMTNM_IPF_RULES : ipf->index;
+    for (int32_t i = 0; i < n; ++i) {
+        char text[40];
+        snprintf(text, sizeof text, "%.*s-%.*s", 17, ipf->rules[i].begin_ip, 17,
+                 ipf->rules[i].end_ip);
+        if (opt.json) {
+            fputs(i ? "," : "", stdout);
+            json_string(text);
+        } else {
+            printf("  %-14s = %s\n", "rule", text);
+        }
     }
 }
 
@@ -165,6 +192,11 @@ void print_record(const area &a, void *record, const options &opt) {
         printf("{\"area\":\"%s\",\"instance\":\"%s\"", a.name, a.instance);
         for (size_t i = 0; i < a.field_count; ++i) {
             printf(",\"%s\":", a.fields[i].name);
+            if (a.fields[i].type == ftype::ranges) {
+                putchar('[');
+                print_ranges(record, opt);
+                putchar(']');
+            }
             print_value(record, a.fields[i], opt);
         }
         puts("}");
@@ -172,6 +204,10 @@ void print_record(const area &a, void *record, const options &opt) {
     }
     printf("%s (%s)\n", a.name, a.instance);
     for (size_t i = 0; i < a.field_count; ++i) {
+        if (a.fields[i].type == ftype::ranges) {
+            print_ranges(record, opt);
+            continue;
+        }
         printf("  %-14s = ", a.fields[i].name);
         print_value(record, a.fields[i], opt);
         putchar('\n');
@@ -203,8 +239,15 @@ bool parse_value(void *record, const field &f, const char *text) {
         if (inet_pton(AF_INET, text, member<in_addr>(record, f)) == 1)
             return true;
         break;
-    case ftype::mac:
-        break; // set through the area's text argument
+    case ftype::list:
+        if (!strcmp(text, "white") || !strcmp(text, "black")) {
+            *member<int32_t>(record, f) = !strcmp(text, "white");
+            return true;
+        }
+        break;
+    case ftype::mac:    // set through the area's text argument
+    case ftype::ranges: // set with rule=BEGIN-END words
+        break;
     case ftype::str:
     case ftype::secret:
         if (strlen(text) < f.size) {
