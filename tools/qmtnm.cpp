@@ -11,6 +11,8 @@
 //   qmtnm areas
 //   qmtnm iface IFNAME        address, netmask and hardware address as the library reads them
 //   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
+//   qmtnm locks               every area's set and get lock, free or taken
+//   qmtnm unlock AREA [set|get]   release a lock left taken by a caller that died holding it
 #include "areas.h"
 
 #include "qmtnm.h"
@@ -52,6 +54,8 @@ int usage() {
           "       qmtnm areas\n"
           "       qmtnm iface IFNAME\n"
           "       qmtnm [--host] hosts\n"
+          "       qmtnm locks\n"
+          "       qmtnm unlock AREA [set|get]\n"
           "options:\n"
           "  --json          print settings as JSON\n"
           "  -v, --verbose   echo the library's log lines to stderr\n"
@@ -66,7 +70,9 @@ int usage() {
           "pin= (or the stored one), waiting up to two minutes. 'scan' lists the networks wlan0\n"
           "finds; 'pin' makes a new WPS PIN for the station or the soft AP and stores it.\n"
           "'set ipfilter' takes mode=white or mode=black and its ranges as rule=BEGIN-END, one\n"
-          "word a range; the ranges given replace the stored ones (index=0 removes them all).\n",
+          "word a range; the ranges given replace the stored ones (index=0 removes them all).\n"
+          "'locks' shows each area's set and get lock; 'unlock' releases one (default: set)\n"
+          "that a caller killed inside a set or get left taken.\n",
           stderr);
     return 2;
 }
@@ -496,6 +502,90 @@ int cmd_areas() {
     return 0;
 }
 
+// ---- the areas' locks ----
+// Each instance has two named semaphores, opened by the library at load: "/<instance>.set" and
+// "/<instance>.get", of value 1 when free and 0 while a caller is inside. A caller killed
+// inside leaves its lock taken until the device restarts; these commands show and release
+// them. Values are read with sem_getvalue, which changes nothing.
+
+// "free", "taken", or "free xN" for a lock released once too often (it admits N callers).
+const char *lock_text(sem_t *sem, char (&buf)[24]) {
+    int v = -1;
+    if (sem == nullptr || sem_getvalue(sem, &v) != 0)
+        return "unknown";
+    if (v == 0)
+        return "taken";
+    if (v == 1)
+        return "free";
+    snprintf(buf, sizeof buf, "free x%d", v);
+    return buf;
+}
+
+// Every instance's locks, one line each. Exit status 0 when all are free, 1 otherwise.
+int cmd_locks() {
+    int status = 0;
+    for (uint32_t id = 0; id < QMTNM_ID_COUNT; ++id) {
+        lcl_instance *inst = get_lcl_instance(id);
+        const char *name = cli::area_name_by_id(id);
+        if (inst == nullptr || name == nullptr)
+            continue;
+        char set_buf[24], get_buf[24];
+        const char *set = lock_text(inst->set_sem, set_buf);
+        const char *get = lock_text(inst->get_sem, get_buf);
+        printf("%-10s set %-6s  get %s\n", name, set, get);
+        if (strcmp(set, "free") != 0 || strcmp(get, "free") != 0)
+            status = 1;
+    }
+    return status;
+}
+
+// Releases a taken lock, after a warning. A free lock is refused: posting it would let two
+// callers in. Exit status 0 released, 1 refused or failed, 2 usage.
+int cmd_unlock(const char *name, const char *which) {
+    bool set = !strcmp(which, "set");
+    if (!set && strcmp(which, "get") != 0)
+        return usage();
+    lcl_instance *inst = nullptr;
+    const char *area_name = nullptr;
+    for (uint32_t id = 0; id < QMTNM_ID_COUNT && inst == nullptr; ++id) {
+        lcl_instance *it = get_lcl_instance(id);
+        const char *short_name = cli::area_name_by_id(id);
+        if (it && short_name && (!strcmp(name, short_name) || !strcmp(name, it->name))) {
+            inst = it;
+            area_name = short_name;
+        }
+    }
+    if (inst == nullptr) {
+        fprintf(stderr, "qmtnm: unknown area '%s' (see 'qmtnm locks')\n", name);
+        return 2;
+    }
+    sem_t *sem = set ? inst->set_sem : inst->get_sem;
+    int v = -1;
+    if (sem == nullptr || sem_getvalue(sem, &v) != 0) {
+        fprintf(stderr, "qmtnm: cannot read the %s lock of %s\n", which, area_name);
+        return 1;
+    }
+    if (v != 0) {
+        fprintf(stderr, "qmtnm: the %s lock of %s is free; nothing to release\n", which, area_name);
+        return 1;
+    }
+    fprintf(stderr,
+            "qmtnm: warning: releasing the %s lock of %s (/%s.%s). Release it only when no "
+            "caller is inside a %s of %s: one still running there (a long Wi-Fi join, a hung "
+            "command) would then run at the same time as the next %s.\n",
+            which, area_name, inst->name, which, which, area_name, which);
+    if (sem_post(sem) != 0) {
+        fprintf(stderr, "qmtnm: releasing the %s lock of %s failed: %s\n", which, area_name,
+                strerror(errno));
+        return 1;
+    }
+    // Its holder may have released it at the same moment: take the second count back.
+    if (sem_getvalue(sem, &v) == 0 && v > 1 && sem_trywait(sem) != 0)
+        fprintf(stderr, "qmtnm: its holder released it too: two callers may be inside at once\n");
+    printf("%s: %s lock released\n", area_name, which);
+    return 0;
+}
+
 // Takes one of the flags that may stand anywhere on the line; false if arg is not one.
 bool take_flag(options &opt, const char *arg) {
     if (!strcmp(arg, "--json"))
@@ -531,6 +621,13 @@ int main(int argc, char **argv) {
         return cmd_areas();
     if (!strcmp(cmd, "hosts") && i == argc)
         return cmd_hosts(opt);
+    if (!strcmp(cmd, "locks") || !strcmp(cmd, "unlock")) {
+        if (!strcmp(cmd, "locks") && i == argc)
+            return cmd_locks();
+        if (!strcmp(cmd, "unlock") && (argc - i == 1 || argc - i == 2))
+            return cmd_unlock(argv[i], argc - i == 2 ? argv[i + 1] : "set");
+        return usage();
+    }
     if (!strcmp(cmd, "boot") && i == argc) {
         if (opt.verbose)
             openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
