@@ -64,6 +64,23 @@ constexpr const char *kApPaths[] = {
     "network/network_softap/channel",    "network/network_softap/ssid",
     "network/network_softap/hide_ssid",  "network/network_softap/auth",
     "network/network_softap/wps_enable", "network/network_softap/wps_pin"};
+// An IP filter get with 8 rules: enable, mode and index, then both ends of each rule.
+constexpr int kIpfRules = 8;
+constexpr size_t kIpfReads = 3 + 2 * kIpfRules;
+const char *const *ipf_paths() {
+    static char paths[kIpfReads][64];
+    static const char *ptrs[kIpfReads];
+    const char *common[] = {"enable", "mode", "index"};
+    for (size_t i = 0; i < kIpfReads; ++i) {
+        if (i < 3)
+            snprintf(paths[i], sizeof paths[i], "network/network_ipfilter/common/%s", common[i]);
+        else
+            snprintf(paths[i], sizeof paths[i], "network/network_ipfilter/rules/#%zu/%s",
+                     (i - 3) / 2, (i - 3) % 2 ? "end_ip" : "begin_ip");
+        ptrs[i] = paths[i];
+    }
+    return ptrs;
+}
 
 // ---- the library, resolved at run time ---------------------------------------------------
 
@@ -276,6 +293,33 @@ void BM_lcl_set_ap_uptodate(benchmark::State &st) {
 }
 BENCHMARK(BM_lcl_set_ap_uptodate);
 
+// The IP filter with 8 rules stored: 19 store reads, three more values and two more reads with
+// each rule.
+void BM_lcl_get_ipfilter(benchmark::State &st) {
+    bool ok = qmt_conf_printf("network", "%k%k%k%d", "network_ipfilter", "common", "index",
+                              kIpfRules) >= 0;
+    for (int i = 0; i < kIpfRules; ++i)
+        for (const char *key : {"begin_ip", "end_ip"})
+            ok = qmt_conf_printf("network", "%k%k%i%k%s", "network_ipfilter", "rules", i, key,
+                                 "192.168.100.100") >= 0 &&
+                 ok;
+    if (!ok) {
+        st.SkipWithError("cannot store the IP filter's rules");
+        return;
+    }
+    long before = commands.load();
+    for (auto _ : st) {
+        qmtnm_ipfilter_cfg c;
+        if (lcl_get(QMTNM_ID_IPFILTER, &c, 0) != 0 || c.index != kIpfRules) {
+            st.SkipWithError("qmtnm_lcl_get(ipfilter) failed");
+            break;
+        }
+        benchmark::DoNotOptimize(c);
+    }
+    check_no_command(st, before);
+}
+BENCHMARK(BM_lcl_get_ipfilter);
+
 // ---- the store --------------------------------------------------------------------------------
 
 void BM_store_read(benchmark::State &st) {
@@ -361,7 +405,10 @@ void BM_sql_select(benchmark::State &st) {
         return;
     }
     const auto n = static_cast<size_t>(st.range(0));
-    const char *const *paths = n == 8 ? kApPaths : n == 6 ? kLanPaths : kQosPaths;
+    const char *const *paths = n == kIpfReads ? ipf_paths()
+                               : n == 8       ? kApPaths
+                               : n == 6       ? kLanPaths
+                                              : kQosPaths;
     char value[64];
     for (auto _ : st) {
         bool ok = true;
@@ -374,7 +421,7 @@ void BM_sql_select(benchmark::State &st) {
         benchmark::DoNotOptimize(value);
     }
 }
-BENCHMARK(BM_sql_select)->Arg(1)->Arg(2)->Arg(6)->Arg(8);
+BENCHMARK(BM_sql_select)->Arg(1)->Arg(2)->Arg(6)->Arg(8)->Arg(kIpfReads);
 
 void BM_sql_insert(benchmark::State &st) {
     sql_conn c;

@@ -98,6 +98,8 @@ def main(argv):
     row("qmtnm_lcl_get(ap)", 1, tmpfs, "BM_lcl_get_ap", "8 SELECTs", tmpfs, "BM_sql_select/8")
     row("qmtnm_lcl_set(ap) up to date, log level 1", 1, tmpfs, "BM_lcl_set_ap_uptodate",
         "8 SELECTs", tmpfs, "BM_sql_select/8")
+    row("qmtnm_lcl_get(ipfilter), 8 rules", 1, tmpfs, "BM_lcl_get_ipfilter", "19 SELECTs", tmpfs,
+        "BM_sql_select/19")
     row("qmt_conf_scanf, one int", 1, tmpfs, "BM_store_read", sel1, tmpfs, "BM_sql_select/1")
     row("qmt_conf_printf, one int, db on tmpfs", 1, tmpfs, "BM_store_write", ins, tmpfs,
         "BM_sql_insert")

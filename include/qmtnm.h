@@ -259,6 +259,40 @@ QMTNM_STATIC_ASSERT(sizeof(nm_softap) == 144, "soft-AP record is 144 bytes");
 QMTNM_STATIC_ASSERT(offsetof(nm_softap, password) == 60, "soft-AP record: password at 60");
 QMTNM_STATIC_ASSERT(offsetof(nm_softap, wps_enable) == 124, "soft-AP record: wps_enable at 124");
 
+/* upnp_lcl: the UPnP daemon miniupnpd, on or off, and the friendly name it announces. */
+typedef struct qmtnm_upnp_cfg {
+    int32_t enable;        /* 0 off, 1 on */
+    char friendlyName[64]; /* 0..63 characters, no control characters; zero the rest, since a
+                              set compares all 68 bytes with the stored record */
+} qmtnm_upnp_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_upnp_cfg) == 68, "UPnP record is 68 bytes");
+
+/* bonjour_lcl: the device's host name, and the web service (TCP port 80) advertised over
+ * multicast DNS under it. */
+typedef struct qmtnm_bonjour_cfg {
+    int32_t enable;    /* 0 off, 1 on */
+    char hostname[64]; /* 0..64 characters (64 fill the field, unterminated); no blank, '#' or
+                          control character, not starting with '-' */
+} qmtnm_bonjour_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_bonjour_cfg) == 68, "Bonjour record is 68 bytes");
+
+/* ipfilter_lcl: which client addresses may reach the web service (TCP port 80). */
+#define QMTNM_IPF_RULES 8
+typedef struct qmtnm_ipf_rule {
+    char begin_ip[17]; /* dotted quad, first address of the range (first 15 characters used) */
+    char end_ip[17];   /* last address, in the same 255.255.255.0 network, not below begin */
+    char reserved[14];
+} qmtnm_ipf_rule;
+typedef struct qmtnm_ipfilter_cfg {
+    int32_t enable; /* 0 off: the filter is removed */
+    int32_t mode;   /* nonzero: white list (only the ranges may connect); 0: black list */
+    int32_t index;  /* rules in use, 0..8 (a white list needs one at least) */
+    qmtnm_ipf_rule rules[QMTNM_IPF_RULES];
+} qmtnm_ipfilter_cfg;
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_ipf_rule) == 48, "IP filter rule slot is 48 bytes");
+QMTNM_STATIC_ASSERT(sizeof(qmtnm_ipfilter_cfg) == 396, "IP filter record is 396 bytes");
+QMTNM_STATIC_ASSERT(offsetof(qmtnm_ipfilter_cfg, rules) == 12, "IP filter record: rules at 12");
+
 /* ---- exported calls and data ---------------------------------------------------------- */
 QMTNM_API int32_t qmtnm_lcl_set(uint32_t id, void *arg1, uintptr_t arg2);
 QMTNM_API int32_t qmtnm_lcl_get(uint32_t id, void *arg1, uintptr_t arg2);

@@ -5,6 +5,14 @@
 // transaction in WAL mode with synchronous=FULL, so a value is on disk when the call returns
 // and a crash never leaves it half-written. Each process opens its own connection on first
 // use; a child after fork() opens a fresh one instead of sharing its parent's.
+//
+// The store may share a small file system with other files and fill it up. Its write-ahead log
+// is folded back into the database every kWalPages pages and then kept to that size, so the
+// store takes a few hundred kilobytes at most. A write that fails (a full file system) is tried
+// once more after the log has been folded back and truncated, which frees its space. A
+// connection needs room for its shared index when it is the first to open the store; when that
+// room is missing, a read is served by a read-only connection that keeps its index in memory,
+// so what is stored stays readable on a full file system.
 #include "qmt_conf.h"
 #include "sysconf_internal.h"
 
@@ -27,6 +35,7 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 10000;
 constexpr size_t kMaxPath = 512;
+constexpr int kWalPages = 32; // of 4 KiB, SQLite's page size
 
 // ---- connection --------------------------------------------------------------------------
 
@@ -42,14 +51,85 @@ class connection {
             return false;
         }
         sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-        static const char *const setup =
-            "PRAGMA journal_mode=WAL;"
-            "PRAGMA synchronous=FULL;"
-            "CREATE TABLE IF NOT EXISTS conf(path TEXT PRIMARY KEY NOT NULL, value) WITHOUT ROWID;";
+        char setup[320];
+        snprintf(setup, sizeof setup,
+                 "PRAGMA journal_mode=WAL;"
+                 "PRAGMA synchronous=FULL;"
+                 "PRAGMA wal_autocheckpoint=%d;"
+                 "PRAGMA journal_size_limit=%d;"
+                 "CREATE TABLE IF NOT EXISTS conf(path TEXT PRIMARY KEY NOT NULL, value) "
+                 "WITHOUT ROWID;",
+                 kWalPages, kWalPages * 4096);
         if (sqlite3_exec(db_, setup, nullptr, nullptr, nullptr) != SQLITE_OK) {
             close();
             return false;
         }
+        return prepare();
+    }
+
+    // Reads only, with the shared index opened read-only, or kept in this connection's memory
+    // when no other connection has it set up: needs no space on the file system.
+    bool open_read_only(const char *path) {
+        // "file:" URI: the path percent-encoded, every byte at most tripled.
+        static const char kPrefix[] = "file:", kQuery[] = "?readonly_shm=1";
+        size_t n = strlen(path);
+        char *uri = static_cast<char *>(malloc(sizeof kPrefix + 3 * n + sizeof kQuery));
+        if (uri == nullptr)
+            return false;
+        char *o = uri + snprintf(uri, sizeof kPrefix, "%s", kPrefix);
+        for (const char *p = path; *p; ++p) {
+            unsigned char ch = static_cast<unsigned char>(*p);
+            if ((ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') ||
+                strchr("/._-~", ch) != nullptr)
+                *o++ = static_cast<char>(ch);
+            else
+                o += snprintf(o, 4, "%%%02X", ch);
+        }
+        memcpy(o, kQuery, sizeof kQuery);
+        int rc = sqlite3_open_v2(
+            uri, &db_, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr);
+        free(uri);
+        if (rc != SQLITE_OK) {
+            close();
+            return false;
+        }
+        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        return prepare();
+    }
+
+    // After a failed write: folds the write-ahead log back into the database and truncates
+    // it, giving its space back. Waits for nobody: a store busy with readers is not retried.
+    // True when that was done, so that the write is worth one more try.
+    bool make_room() {
+        sqlite3_busy_timeout(db_, 0);
+        int rc =
+            sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
+        return rc == SQLITE_OK;
+    }
+
+    sqlite3 *db() const { return db_; }
+
+    // A prepared statement, reset and with its bindings cleared.
+    sqlite3_stmt *use(stmt_id id) {
+        sqlite3_stmt *s = stmts_[id];
+        sqlite3_reset(s);
+        sqlite3_clear_bindings(s);
+        return s;
+    }
+
+    void close() {
+        for (auto &s : stmts_) {
+            sqlite3_finalize(s);
+            s = nullptr;
+        }
+        if (db_)
+            sqlite3_close_v2(db_);
+        db_ = nullptr;
+    }
+
+  private:
+    bool prepare() {
         static const char *const sql[COUNT_] = {
             "SELECT value FROM conf WHERE path=?1",
             "INSERT OR REPLACE INTO conf(path,value) VALUES(?1,?2)",
@@ -66,27 +146,6 @@ class connection {
             }
         }
         return true;
-    }
-
-    sqlite3 *db() const { return db_; }
-
-    // A prepared statement, reset and with its bindings cleared.
-    sqlite3_stmt *use(stmt_id id) {
-        sqlite3_stmt *s = stmts_[id];
-        sqlite3_reset(s);
-        sqlite3_clear_bindings(s);
-        return s;
-    }
-
-  private:
-    void close() {
-        for (auto &s : stmts_) {
-            sqlite3_finalize(s);
-            s = nullptr;
-        }
-        if (db_)
-            sqlite3_close_v2(db_);
-        db_ = nullptr;
     }
 
     sqlite3 *db_ = nullptr;
@@ -124,15 +183,26 @@ const char *configured_path() {
 }
 
 // Runs fn(connection&) under the process's lock; QMT_CONF_ESTORE when the store won't open.
-template <class Fn> int with_store(Fn fn) {
+// A read runs on a read-only connection of its own when the process's connection cannot be
+// opened; a failed write that may run again runs once more after the log made room.
+template <class Fn> int with_store(sysconf_internal::access how, Fn fn) {
+    using sysconf_internal::access;
     pthread_once(&state_once, init_state);
     process_store *st = state;
     if (st == nullptr)
         return QMT_CONF_ESTORE;
     pthread_mutex_lock(&st->lock);
     int r = QMT_CONF_ESTORE;
-    if (st->conn.db() != nullptr || st->conn.open(configured_path()))
+    if (st->conn.db() != nullptr || st->conn.open(configured_path())) {
         r = fn(st->conn);
+        if (r == QMT_CONF_ESTORE && how == access::write && st->conn.make_room())
+            r = fn(st->conn);
+    } else if (how == access::read) {
+        connection ro;
+        if (ro.open_read_only(configured_path()))
+            r = fn(ro);
+        ro.close();
+    }
     pthread_mutex_unlock(&st->lock);
     return r;
 }
@@ -398,7 +468,9 @@ int parse(bool write, const char *domain, const char *format, va_list ap, reques
 }
 
 int execute(request &rq) {
-    return with_store([&](connection &c) {
+    bool reads = rq.action == op::get_int || rq.action == op::get_str || rq.action == op::count;
+    auto how = reads ? sysconf_internal::access::read : sysconf_internal::access::write;
+    return with_store(how, [&](connection &c) {
         std::string_view p = rq.path.str();
         switch (rq.action) {
         case op::get_int:
@@ -455,12 +527,12 @@ const char *sysconf_db_path(void) {
 // The text form (dump, load, path access) lives in sysconf_text.cpp and uses these.
 namespace sysconf_internal {
 
-int with_db(int (*fn)(sqlite3 *, void *), void *ctx) {
-    return with_store([&](connection &c) { return fn(c.db(), ctx); });
+int with_db(access how, int (*fn)(sqlite3 *, void *), void *ctx) {
+    return with_store(how, [&](connection &c) { return fn(c.db(), ctx); });
 }
 
 int delete_tree(const char *path) {
-    return with_store([&](connection &c) { return delete_path(c, path); });
+    return with_store(access::write, [&](connection &c) { return delete_path(c, path); });
 }
 
 bool valid_path(std::string_view path) {

@@ -241,12 +241,12 @@ extern "C" {
 
 int sysconf_dump(FILE *out, const char *prefix) {
     dump_job job{out, prefix};
-    return sysconf_internal::with_db(run_dump, &job);
+    return sysconf_internal::with_db(sysconf_internal::access::read, run_dump, &job);
 }
 
 int sysconf_load(FILE *in, int replace) {
     load_job job{in, replace != 0};
-    return sysconf_internal::with_db(run_load, &job);
+    return sysconf_internal::with_db(sysconf_internal::access::write_once, run_load, &job);
 }
 
 int sysconf_get_path(const char *path, char *str_out, size_t cap) {
@@ -259,7 +259,7 @@ int sysconf_get_path(const char *path, char *str_out, size_t cap) {
     if (out == nullptr)
         return QMT_CONF_ESTORE;
     get_job job{path, out};
-    int r = sysconf_internal::with_db(run_get, &job);
+    int r = sysconf_internal::with_db(sysconf_internal::access::read, run_get, &job);
     fclose(out);
     snprintf(str_out, cap, "%s", r == 0 && text ? text : "");
     free(text);
@@ -274,8 +274,9 @@ int sysconf_set_path(const char *path, const char *value_text) {
     if (v == nullptr)
         return QMT_CONF_ESTORE;
     set_job job{path, v};
-    int r = parse_value(trim(value_text), *v) ? sysconf_internal::with_db(run_set, &job)
-                                              : QMT_CONF_EFORMAT;
+    int r = parse_value(trim(value_text), *v)
+                ? sysconf_internal::with_db(sysconf_internal::access::write, run_set, &job)
+                : QMT_CONF_EFORMAT;
     free(v);
     return r;
 }

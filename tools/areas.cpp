@@ -87,6 +87,47 @@ const field ap_fields[] = {
     CLI_FIELD(nm_softap, wps_pin, str),
 };
 
+const field upnp_fields[] = {
+    CLI_FIELD(qmtnm_upnp_cfg, enable, i32),
+    CLI_FIELD(qmtnm_upnp_cfg, friendlyName, str),
+};
+
+const field bonjour_fields[] = {
+    CLI_FIELD(qmtnm_bonjour_cfg, enable, i32),
+    CLI_FIELD(qmtnm_bonjour_cfg, hostname, str),
+};
+
+const field ipfilter_fields[] = {
+    CLI_FIELD(qmtnm_ipfilter_cfg, enable, i32),
+    CLI_FIELD(qmtnm_ipfilter_cfg, mode, list),
+    CLI_FIELD(qmtnm_ipfilter_cfg, index, i32),
+    CLI_FIELD(qmtnm_ipfilter_cfg, rules, ranges),
+};
+
+// rule=BEGIN-END, repeated: the first one given replaces the stored rules, each adds one.
+bool ipfilter_word(void *record, const char *name, const char *value, bool *known) {
+    static bool replacing = false; // one set a process
+    auto *ipf = static_cast<qmtnm_ipfilter_cfg *>(record);
+    *known = !strcmp(name, "rule");
+    const char *dash = strchr(value, '-');
+    if (!*known || dash == nullptr)
+        return false;
+    if (!replacing) {
+        replacing = true;
+        ipf->index = 0;
+        memset(ipf->rules, 0, sizeof ipf->rules);
+    }
+    size_t begin_len = static_cast<size_t>(dash - value);
+    qmtnm_ipf_rule &rule = ipf->rules[ipf->index < 0 ? 0 : ipf->index];
+    if (ipf->index < 0 || ipf->index >= QMTNM_IPF_RULES || begin_len >= sizeof rule.begin_ip ||
+        strlen(dash + 1) >= sizeof rule.end_ip)
+        return false;
+    memcpy(rule.begin_ip, value, begin_len);
+    memcpy(rule.end_ip, dash + 1, strlen(dash + 1));
+    ++ipf->index;
+    return true;
+}
+
 const area all_areas[] = {
     // wan reports the live port; a set starts from the stored settings (wanflash).
     CLI_AREA_AS("wan", QMTNM_ID_WAN, qmtnm_wan_cfg, wan_fields, QMTNM_ID_WANFLASH, true),
@@ -104,17 +145,24 @@ const area all_areas[] = {
     area{"sta", "sta_lcl", QMTNM_ID_STA, sizeof(qmtnm_sta_cfg), sta_fields, std::size(sta_fields),
          QMTNM_ID_STA, true, false, sta_word},
     CLI_AREA("ap", QMTNM_ID_AP, nm_softap, ap_fields),
+    CLI_AREA("upnp", QMTNM_ID_UPNP, qmtnm_upnp_cfg, upnp_fields),
+    CLI_AREA("bonjour", QMTNM_ID_BONJOUR, qmtnm_bonjour_cfg, bonjour_fields),
+    area{"ipfilter", "ipfilter_lcl", QMTNM_ID_IPFILTER, sizeof(qmtnm_ipfilter_cfg), ipfilter_fields,
+         std::size(ipfilter_fields), QMTNM_ID_IPFILTER, true, false, ipfilter_word},
 };
 
 // The boot apply's order: marking first, so that every packet the device sends afterwards
 // carries it; then the WAN port (address and default route) and the LAN (bridge address and
-// DHCP server); PPPoE once br0, where its plugin runs, has its address; DDNS last, because its
-// first update goes out at once and needs the way upstream; the soft AP after them, so that its
-// hostapd.conf (bridged to br0 when the LAN is) is written before the start-up script starts
-// hostapd; the station, whose stored network goes back into the supplicant (started empty) as
-// network 0. The bridge and Ethernet type have no apply of their own (their stored values are
-// read by the areas that use them), and the MAC address is not stored.
-const char *const boot_order[] = {"qos", "wan", "lan", "pppoe", "ddns", "ap", "sta"};
+// DHCP server); the IP filter before anything more listens on the LAN; PPPoE once br0, where its
+// plugin runs, has its address; DDNS, because its first update goes out at once and needs the
+// way upstream; UPnP and Bonjour, which announce the device (Bonjour's hosts file lists the WAN
+// and LAN addresses); the soft AP after them, so that its hostapd.conf (bridged to br0 when the
+// LAN is) is written before the start-up script starts hostapd; the station last, whose stored
+// network goes back into the supplicant (started empty) as network 0. The bridge and Ethernet
+// type have no apply of their own (their stored values are read by the areas that use them),
+// and the MAC address is not stored.
+const char *const boot_order[] = {"qos",  "wan",  "lan",     "ipfilter", "pppoe",
+                                  "ddns", "upnp", "bonjour", "ap",       "sta"};
 
 // Short names of every instance, by id, for decoding error codes.
 const char *const instance_names[QMTNM_ID_COUNT] = {

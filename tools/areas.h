@@ -14,6 +14,8 @@ enum class ftype : uint8_t {
     str,    // char[size], NUL-terminated
     secret, // char[size], NUL-terminated; shown masked unless asked for
     mac,    // six raw bytes, shown as xx:xx:xx:xx:xx:xx
+    list,   // int32_t mode of a white or black list, shown and given as "white" or "black"
+    ranges, // the IP filter's rule slots, shown as "rule = BEGIN-END" for each one in use
 };
 
 struct field {

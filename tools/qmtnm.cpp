@@ -4,12 +4,15 @@
 //   qmtnm [-v] [--host] set AREA field=value ...
 //   qmtnm [-v] [--host] set ethmac XX:XX:XX:XX:XX:XX
 //   qmtnm [-v] [--host] set sta wps=pbc | wps=pin [pin=NNNNNNNN]   join by WPS
+//   qmtnm [-v] [--host] set ipfilter [enable=1] [mode=white|black] rule=BEGIN-END ...
 //   qmtnm [-v] [--host] boot   apply the stored settings of every area once, as at start-up
 //   qmtnm [--json] [--host] scan      scan on wlan0 and list the networks found
 //   qmtnm [--json] [--host] pin sta|ap   make, store and print a new WPS PIN
 //   qmtnm areas
 //   qmtnm iface IFNAME        address, netmask and hardware address as the library reads them
 //   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
+//   qmtnm locks               every area's set and get lock, free or taken
+//   qmtnm unlock AREA [set|get]   release a lock left taken by a caller that died holding it
 #include "areas.h"
 
 #include "qmtnm.h"
@@ -51,6 +54,8 @@ int usage() {
           "       qmtnm areas\n"
           "       qmtnm iface IFNAME\n"
           "       qmtnm [--host] hosts\n"
+          "       qmtnm locks\n"
+          "       qmtnm unlock AREA [set|get]\n"
           "options:\n"
           "  --json          print settings as JSON\n"
           "  -v, --verbose   echo the library's log lines to stderr\n"
@@ -63,7 +68,11 @@ int usage() {
           "every area once, as the device does when it starts.\n"
           "'set sta wps=pbc' joins a network by WPS push button, 'wps=pin' by the PIN given with\n"
           "pin= (or the stored one), waiting up to two minutes. 'scan' lists the networks wlan0\n"
-          "finds; 'pin' makes a new WPS PIN for the station or the soft AP and stores it.\n",
+          "finds; 'pin' makes a new WPS PIN for the station or the soft AP and stores it.\n"
+          "'set ipfilter' takes mode=white or mode=black and its ranges as rule=BEGIN-END, one\n"
+          "word a range; the ranges given replace the stored ones (index=0 removes them all).\n"
+          "'locks' shows each area's set and get lock; 'unlock' releases one (default: set)\n"
+          "that a caller killed inside a set or get left taken.\n",
           stderr);
     return 2;
 }
@@ -157,6 +166,30 @@ void print_value(void *record, const field &f, const options &opt) {
         json ? json_string(text) : (void)fputs(text, stdout);
         break;
     }
+    case ftype::list: {
+        const char *text = *member<int32_t>(record, f) != 0 ? "white" : "black";
+        json ? json_string(text) : (void)fputs(text, stdout);
+        break;
+    }
+    case ftype::ranges:
+        break; // one line or list element per rule: print_ranges
+    }
+}
+
+// The IP filter's rules in use, each as BEGIN-END: a JSON list, or a "rule = " line each.
+void print_ranges(const void *record, const options &opt) {
+    const auto *ipf = static_cast<const qmtnm_ipfilter_cfg *>(record);
+    int32_t n = ipf->index < 0 ? 0 : ipf->index > QMTNM_IPF_RULES ? QMTNM_IPF_RULES : ipf->index;
+    for (int32_t i = 0; i < n; ++i) {
+        char text[40];
+        snprintf(text, sizeof text, "%.*s-%.*s", 17, ipf->rules[i].begin_ip, 17,
+                 ipf->rules[i].end_ip);
+        if (opt.json) {
+            fputs(i ? "," : "", stdout);
+            json_string(text);
+        } else {
+            printf("  %-14s = %s\n", "rule", text);
+        }
     }
 }
 
@@ -165,6 +198,11 @@ void print_record(const area &a, void *record, const options &opt) {
         printf("{\"area\":\"%s\",\"instance\":\"%s\"", a.name, a.instance);
         for (size_t i = 0; i < a.field_count; ++i) {
             printf(",\"%s\":", a.fields[i].name);
+            if (a.fields[i].type == ftype::ranges) {
+                putchar('[');
+                print_ranges(record, opt);
+                putchar(']');
+            }
             print_value(record, a.fields[i], opt);
         }
         puts("}");
@@ -172,6 +210,10 @@ void print_record(const area &a, void *record, const options &opt) {
     }
     printf("%s (%s)\n", a.name, a.instance);
     for (size_t i = 0; i < a.field_count; ++i) {
+        if (a.fields[i].type == ftype::ranges) {
+            print_ranges(record, opt);
+            continue;
+        }
         printf("  %-14s = ", a.fields[i].name);
         print_value(record, a.fields[i], opt);
         putchar('\n');
@@ -203,8 +245,15 @@ bool parse_value(void *record, const field &f, const char *text) {
         if (inet_pton(AF_INET, text, member<in_addr>(record, f)) == 1)
             return true;
         break;
-    case ftype::mac:
-        break; // set through the area's text argument
+    case ftype::list:
+        if (!strcmp(text, "white") || !strcmp(text, "black")) {
+            *member<int32_t>(record, f) = !strcmp(text, "white");
+            return true;
+        }
+        break;
+    case ftype::mac:    // set through the area's text argument
+    case ftype::ranges: // set with rule=BEGIN-END words
+        break;
     case ftype::str:
     case ftype::secret:
         if (strlen(text) < f.size) {
@@ -453,6 +502,90 @@ int cmd_areas() {
     return 0;
 }
 
+// ---- the areas' locks ----
+// Each instance has two named semaphores, opened by the library at load: "/<instance>.set" and
+// "/<instance>.get", of value 1 when free and 0 while a caller is inside. A caller killed
+// inside leaves its lock taken until the device restarts; these commands show and release
+// them. Values are read with sem_getvalue, which changes nothing.
+
+// "free", "taken", or "free xN" for a lock released once too often (it admits N callers).
+const char *lock_text(sem_t *sem, char (&buf)[24]) {
+    int v = -1;
+    if (sem == nullptr || sem_getvalue(sem, &v) != 0)
+        return "unknown";
+    if (v == 0)
+        return "taken";
+    if (v == 1)
+        return "free";
+    snprintf(buf, sizeof buf, "free x%d", v);
+    return buf;
+}
+
+// Every instance's locks, one line each. Exit status 0 when all are free, 1 otherwise.
+int cmd_locks() {
+    int status = 0;
+    for (uint32_t id = 0; id < QMTNM_ID_COUNT; ++id) {
+        lcl_instance *inst = get_lcl_instance(id);
+        const char *name = cli::area_name_by_id(id);
+        if (inst == nullptr || name == nullptr)
+            continue;
+        char set_buf[24], get_buf[24];
+        const char *set = lock_text(inst->set_sem, set_buf);
+        const char *get = lock_text(inst->get_sem, get_buf);
+        printf("%-10s set %-6s  get %s\n", name, set, get);
+        if (strcmp(set, "free") != 0 || strcmp(get, "free") != 0)
+            status = 1;
+    }
+    return status;
+}
+
+// Releases a taken lock, after a warning. A free lock is refused: posting it would let two
+// callers in. Exit status 0 released, 1 refused or failed, 2 usage.
+int cmd_unlock(const char *name, const char *which) {
+    bool set = !strcmp(which, "set");
+    if (!set && strcmp(which, "get") != 0)
+        return usage();
+    lcl_instance *inst = nullptr;
+    const char *area_name = nullptr;
+    for (uint32_t id = 0; id < QMTNM_ID_COUNT && inst == nullptr; ++id) {
+        lcl_instance *it = get_lcl_instance(id);
+        const char *short_name = cli::area_name_by_id(id);
+        if (it && short_name && (!strcmp(name, short_name) || !strcmp(name, it->name))) {
+            inst = it;
+            area_name = short_name;
+        }
+    }
+    if (inst == nullptr) {
+        fprintf(stderr, "qmtnm: unknown area '%s' (see 'qmtnm locks')\n", name);
+        return 2;
+    }
+    sem_t *sem = set ? inst->set_sem : inst->get_sem;
+    int v = -1;
+    if (sem == nullptr || sem_getvalue(sem, &v) != 0) {
+        fprintf(stderr, "qmtnm: cannot read the %s lock of %s\n", which, area_name);
+        return 1;
+    }
+    if (v != 0) {
+        fprintf(stderr, "qmtnm: the %s lock of %s is free; nothing to release\n", which, area_name);
+        return 1;
+    }
+    fprintf(stderr,
+            "qmtnm: warning: releasing the %s lock of %s (/%s.%s). Release it only when no "
+            "caller is inside a %s of %s: one still running there (a long Wi-Fi join, a hung "
+            "command) would then run at the same time as the next %s.\n",
+            which, area_name, inst->name, which, which, area_name, which);
+    if (sem_post(sem) != 0) {
+        fprintf(stderr, "qmtnm: releasing the %s lock of %s failed: %s\n", which, area_name,
+                strerror(errno));
+        return 1;
+    }
+    // Its holder may have released it at the same moment: take the second count back.
+    if (sem_getvalue(sem, &v) == 0 && v > 1 && sem_trywait(sem) != 0)
+        fprintf(stderr, "qmtnm: its holder released it too: two callers may be inside at once\n");
+    printf("%s: %s lock released\n", area_name, which);
+    return 0;
+}
+
 // Takes one of the flags that may stand anywhere on the line; false if arg is not one.
 bool take_flag(options &opt, const char *arg) {
     if (!strcmp(arg, "--json"))
@@ -488,6 +621,13 @@ int main(int argc, char **argv) {
         return cmd_areas();
     if (!strcmp(cmd, "hosts") && i == argc)
         return cmd_hosts(opt);
+    if (!strcmp(cmd, "locks") || !strcmp(cmd, "unlock")) {
+        if (!strcmp(cmd, "locks") && i == argc)
+            return cmd_locks();
+        if (!strcmp(cmd, "unlock") && (argc - i == 1 || argc - i == 2))
+            return cmd_unlock(argv[i], argc - i == 2 ? argv[i + 1] : "set");
+        return usage();
+    }
     if (!strcmp(cmd, "boot") && i == argc) {
         if (opt.verbose)
             openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);

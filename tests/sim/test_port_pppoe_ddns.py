@@ -143,9 +143,10 @@ class BootApply(PortCase):
 
         dev.reboot()
 
-        self.assertEqual(self.boot_log().splitlines()[-7:],
-                         ["qos: applied", "wan: applied", "lan: applied", "pppoe: applied",
-                          "ddns: applied", "ap: applied", "sta: applied"])
+        self.assertEqual(self.boot_log().splitlines()[-10:],
+                         ["qos: applied", "wan: applied", "lan: applied", "ipfilter: applied",
+                          "pppoe: applied", "ddns: applied", "upnp: applied",
+                          "bonjour: applied", "ap: applied", "sta: applied"])
         self.assertIn("-A qos_mangle_chain -j DSCP --set-dscp 0x2e", dev.mangle())
         self.assertEqual(dev.dscp_received_upstream(), 46)
         self.assertEqual(self.processes("crond"), ["crond"])
@@ -166,8 +167,9 @@ class BootApply(PortCase):
                       r.stderr.splitlines())
         # The soft AP bridges by the same stored port, so it fails too; the station does not.
         self.assertEqual(r.stdout.splitlines(), ["qos: applied", "wan: applied",
-                                                 "pppoe: applied", "ddns: applied",
-                                                 "sta: applied"])
+                                                 "ipfilter: applied", "pppoe: applied",
+                                                 "ddns: applied", "upnp: applied",
+                                                 "bonjour: applied", "sta: applied"])
         self.assertIn("-A qos_mangle_chain -j DSCP --set-dscp 0x0a", dev.mangle())
 
 
