@@ -233,6 +233,37 @@ const bounded_record kRecords[] = {
                        fill(c.wps_pin, "9");
                    }),
                    kAll, verdict::pass),
+    // A name that fills its field is refused with UPnP on, and written to the daemon's file
+    // with it off.
+    bounded_record("upnp full name, on", &upnp_lcl, sizeof(qmtnm_upnp_cfg),
+                   as<qmtnm_upnp_cfg>([](qmtnm_upnp_cfg &c) {
+                       c.enable = 1;
+                       fill(c.friendlyName, "Cam \"1\" ");
+                   }),
+                   kAll, verdict::refuse),
+    bounded_record("upnp full name, off", &upnp_lcl, sizeof(qmtnm_upnp_cfg),
+                   as<qmtnm_upnp_cfg>([](qmtnm_upnp_cfg &c) { fill(c.friendlyName, "Cam's "); }),
+                   kAll, verdict::pass),
+    bounded_record("bonjour full host name", &bonjour_lcl, sizeof(qmtnm_bonjour_cfg),
+                   as<qmtnm_bonjour_cfg>([](qmtnm_bonjour_cfg &c) {
+                       c.enable = 1;
+                       fill(c.hostname, "cam's-");
+                   }),
+                   kAll, verdict::pass),
+    // Eight rules, each address's 15 characters that are used followed by two more, and the
+    // slots' unused bytes set: nothing in the record is terminated.
+    bounded_record("ip filter full rules", &ipfilter_lcl, sizeof(qmtnm_ipfilter_cfg),
+                   as<qmtnm_ipfilter_cfg>([](qmtnm_ipfilter_cfg &c) {
+                       c.enable = 1;
+                       c.mode = 1;
+                       c.index = QMTNM_IPF_RULES;
+                       for (qmtnm_ipf_rule &r : c.rules) {
+                           memcpy(r.begin_ip, "192.168.100.101xx", sizeof r.begin_ip);
+                           memcpy(r.end_ip, "192.168.100.102yy", sizeof r.end_ip);
+                           fill(r.reserved, "r");
+                       }
+                   }),
+                   kAll, verdict::pass),
     // Two entries' room (a size that is not a whole number of entries beyond them), each field
     // of the table longer than the entry's.
     bounded_record(
