@@ -14,7 +14,16 @@ only if it is
   the DDNS script's URL percent-decoded and the provider's record of the update, miniupnpd.conf,
   the host name and the hosts file, the packet filter's rule), and every generated file having
   the lines, options and fields of a benign set.
-Commands in the payloads create a file under /tmp (named "p" and a letter); none may appear.
+Commands in the payloads would create a file under /tmp: no new file may appear there but the DDNS
+update's answer.
+
+Judged by the daemon itself where it runs here: wpa_supplicant (the network it holds, its saved
+file read back), the DDNS provider stand-in (the credentials it received), pppd (no unknown option
+in the options file), the kernel (host name, packet filter). hostapd cannot run on the emulated
+radio and pppd reads its secrets only when a session authenticates, which needs kernel PPP: for
+them the files are judged, the secrets split into words as pppd splits them. The station's PIN is
+tried with hostile text only: a valid one starts a real WPS attempt of two minutes, while the
+check refuses every hostile PIN before anything runs.
 
 The cases of one area run in one trip to the device: this file, started there with --device,
 runs them and reports what it saw as JSON; the test judges it here.
@@ -37,23 +46,23 @@ WPA_CLI = ["wpa_cli", "-p/var/run/wpa_supplicant", "-iwlan0"]
 FLAG = "/dev/shm/lcl_activate"
 
 # ---- payloads -------------------------------------------------------------------------------
-# {m} is the marker file a command in the payload would create, {pad} where filler goes when the
-# field's length rule asks for more characters.
+# {v} stands for a value the field takes ("a", an address), {m} for the marker file a command in
+# the payload would create, {pad} for filler where the field's length rule asks for more.
 PAYLOADS = [
-    ("squote", "a{pad}';>{m};'"),
-    ("dquote", 'a{pad}";>{m};"'),
-    ("semicolon", "a{pad};>{m}"),
-    ("amp", "a{pad}&>{m}&"),
-    ("pipe", "a{pad}|>{m}"),
+    ("squote", "{v}{pad}';>{m};'"),
+    ("dquote", '{v}{pad}";>{m};"'),
+    ("semicolon", "{v}{pad};>{m}"),
+    ("amp", "{v}{pad}&>{m}&"),
+    ("pipe", "{v}{pad}|>{m}"),
     ("subst", "{pad}$(>{m})"),
     ("backtick", "{pad}`>{m}`"),
-    ("backslash", "a{pad}\\';>{m};\\"),
-    ("lf", "a{pad}\n>{m}\nb"),
-    ("cr", "a{pad}\r>{m}"),
-    ("tab", "a{pad}\t>{m}"),
-    ("blank", "a{pad} >{m}"),
-    ("hash", "#a{pad} >{m}"),
-    ("percent", "a%s%n%x%25{pad}"),
+    ("backslash", "{v}{pad}\\';>{m};\\"),
+    ("lf", "{v}{pad}\n>{m}\nb"),
+    ("cr", "{v}{pad}\r>{m}"),
+    ("tab", "{v}{pad}\t>{m}"),
+    ("blank", "{v}{pad} >{m}"),
+    ("hash", "#{v}{pad} >{m}"),
+    ("percent", "{v}%s%n%x%25{pad}"),
     ("dash", "-F/etc/passwd{pad}"),
     ("utf8", "Kamera-\u00fc-\u65e5\u672c{pad}"),
 ]
@@ -70,12 +79,11 @@ class Field:
     """One caller text field: how to set it and what its length rule wants."""
 
     def __init__(self, area, name, size, benign, context, lo=0, hi=None, exact=None, full=None,
-                 word=None, raw=None):
-        self.area, self.name, self.size, self.benign = area, name, size, benign
+                 word=None, value="a"):
+        self.area, self.name, self.size, self.benign, self.value = area, name, size, benign, value
         self.context = context  # words that make the rest of the record valid
         self.lo, self.hi, self.exact = lo, size if hi is None else hi, exact
         self.full = full_text(size) if full is None else full
-        self.raw = raw or name  # the field's name for qmtnm-raw-set
         self.word = word or (lambda text: [f"{name}={text}"])
 
     @property
@@ -85,20 +93,21 @@ class Field:
 
     @property
     def label(self):
-        return f"{self.area}.{self.name}" + ("(wep)" if self.exact else "")
+        return f"{self.area}.{self.name}" + (f"(wep{self.exact})" if self.exact else "")
 
     def fit(self, template, tag):
         """The payload made to pass the field's length rule, so that only its content is judged."""
         text = None
         for m in (f"/tmp/p{tag}", "/tmp/p"):
-            text = template.format(m=m, pad="")
+            text = template.format(v=self.value, m=m, pad="")
             if len(text.encode()) <= (self.exact or self.hi):
                 break
         want = self.exact or max(self.lo, min(len(text.encode()), self.hi))
         n = want - len(text.encode())
         if n > 0:
-            text = template.format(m=m, pad="x" * n)
-        return text.encode()[:want].decode("utf-8", "ignore")
+            text = template.format(v=self.value, m=m, pad="x" * n)
+        text = text.encode()[:want].decode("utf-8", "ignore")  # cut at a character's end
+        return text + "x" * (want - len(text.encode()))
 
     def words(self, text):
         """The tool's words for a set with text in the field, or None if they cannot carry it."""
@@ -110,25 +119,30 @@ class Field:
 
 STA = ["enable=1", "ssid=benign-net", "auth=2", "encry=0", "password=benign-pass"]
 STA_WEP = ["enable=1", "ssid=benign-net", "auth=1", "index=1", "password=benign-wep-13"]
+STA_WEP10 = STA_WEP[:4] + ["password=0123456789"]
 AP = ["enable=1", "ssid=benign-ap", "channel=6", "hw_mode=1", "hide_ssid=0", "auth=3", "encry=0",
       "password=benign-pass", "wps_enable=0"]
 AP_WEP = AP[:5] + ["auth=1", "index=1", "password=benign-wep-13"]
+AP_WEP10 = AP_WEP[:7] + ["password=0123456789"]
 DDNS = ["enable=1", "type=0", "domain=cam.example.net", "username=user", "password=pass"]
 PPPOE = ["enable=1", "username=user", "password=pass"]
 IPF = ["enable=1", "mode=black"]
-IPF_BEGIN, IPF_END = "192.168.100.100", "192.168.100.200"
+IPF_BEGIN, IPF_END = "1.1.1.1", "1.1.1.9"
 HEX64 = "0123456789abcdef" * 4
 
 FIELDS = [
     Field("sta", "ssid", 32, "benign-net", STA, lo=1),
     Field("sta", "password", 64, "benign-pass", STA, lo=8, full=HEX64),
+    # WEP keys of 13 characters stand quoted, of 10 (hexadecimal) unquoted.
     Field("sta", "password", 64, "benign-wep-13", STA_WEP, exact=13),
+    Field("sta", "password", 64, "0123456789", STA_WEP10, exact=10),
     # A valid PIN starts a real WPS attempt of two minutes; the hostile ones never get that far.
     Field("sta", "wps_pin", 9, None, STA, hi=8, full="123456789",
           word=lambda t: ["wps=pin", f"pin={t}"] if len(t.encode()) <= 8 else None),
     Field("ap", "ssid", 32, "benign-ap", AP, lo=1),
     Field("ap", "password", 64, "benign-pass", AP, lo=8, full=HEX64),
     Field("ap", "password", 64, "benign-wep-13", AP_WEP, exact=13),
+    Field("ap", "password", 64, "0123456789", AP_WEP10, exact=10),
     Field("ap", "wps_pin", 16, "12345670", AP, full="1234567012345670"),
     Field("ddns", "domain", 32, "cam.example.net", DDNS, lo=1,
           full="full-" + "a" * 19 + ".example"),
@@ -136,15 +150,15 @@ FIELDS = [
     Field("ddns", "password", 32, "pass", DDNS, lo=1),
     Field("pppoe", "username", 32, "user", PPPOE, lo=1),
     Field("pppoe", "password", 32, "pass", PPPOE, lo=1),
-    Field("ethmac", "macaddr", 19, "02:11:22:33:44:55", [], hi=18, full="0:1:2:3:4:5;>/tmp/p",
-          word=lambda t: [t]),
+    Field("ethmac", "macaddr", 19, "02:11:22:33:44:55", [], hi=18, full="2:1:2:3:4:5;>/tmp/p",
+          word=lambda t: [t], value="2:1:2:3:4:5"),
     Field("upnp", "friendlyName", 64, "Camera", ["enable=1"]),
     Field("bonjour", "hostname", 64, "camera", ["enable=1"]),
     # rule=BEGIN-END: a begin address with a '-' in it goes through the driver.
-    Field("ipfilter", "begin_ip", 17, IPF_BEGIN, IPF, lo=1, full=IPF_BEGIN + ";x",
-          word=lambda t: None if "-" in t else [f"rule={t}-{IPF_END}"]),
-    Field("ipfilter", "end_ip", 17, IPF_END, IPF, lo=1, full=IPF_END + ";x",
-          word=lambda t: [f"rule={IPF_BEGIN}-{t}"]),
+    Field("ipfilter", "begin_ip", 17, IPF_BEGIN, IPF, lo=1, hi=15, full=IPF_BEGIN + ";>/tmp/pzx",
+          word=lambda t: None if "-" in t else [f"rule={t}-{IPF_END}"], value=IPF_BEGIN),
+    Field("ipfilter", "end_ip", 17, IPF_END, IPF, lo=1, hi=15, full=IPF_END + ";>/tmp/pzx",
+          word=lambda t: [f"rule={IPF_BEGIN}-{t}"], value=IPF_END),
 ]
 
 MODULE = {"sta": 0xF0, "ap": 0xEF, "ddns": 0xFA, "pppoe": 0xF9, "ethmac": 0xFD, "upnp": 0xF8,
@@ -226,7 +240,7 @@ def device_case(case, env, raw_set):
         if case["context"]:
             run(["qmtnm", "set", area] + case["context"], env)
         if area == "pppoe":
-            run(["qmtnm", "boot"], env)
+            run(["qmtnm", "boot"], env)  # the files of the stored account, as before a set
         cmd = [raw_set, area, case["raw"], case["text"].encode().hex()]
     else:
         cmd = ["qmtnm", "set", area] + case["words"]
@@ -253,8 +267,8 @@ def device_case(case, env, raw_set):
 def device_main():
     job = json.load(sys.stdin)
     env = dict(os.environ)
-    # The appliance's hostname is busybox's, which takes any name; Debian's, which the emulated
-    # device has, refuses all but letters, digits, '-' and '.'.
+    # The appliance's hostname is busybox's, which takes any name; Debian's, where the emulated
+    # device has that one, refuses all but letters, digits, '-' and '.'.
     bindir = "/run/hostile-bin"
     os.makedirs(bindir, exist_ok=True)
     if not os.path.lexists(f"{bindir}/hostname"):
@@ -335,6 +349,8 @@ def arrival_problems(field, kind, text, a, b):
         if field.name == "ssid":
             same("saved ssid", quoted_or_hex(values.get("ssid", "")), text)
             same("supplicant's ssid", quoted_or_hex(a["ssid"].strip("\n")), text)
+        elif field.exact == 10:  # hexadecimal: the key itself
+            same("saved wep_key0", values.get("wep_key0"), text)
         elif field.exact:
             same("saved wep_key0", quoted_or_hex(values.get("wep_key0", "")), text)
         else:
@@ -353,13 +369,15 @@ def arrival_problems(field, kind, text, a, b):
         key = {"ssid": "ssid", "password": "wpa_passphrase"}[field.name]
         want = text
         if field.exact:
-            key, want = "wep_key0", f'"{text}"'
+            key, want = "wep_key0", text if field.exact == 10 else f'"{text}"'
         elif field.name == "password" and len(text) == 64:
             key = "wpa_psk"
         b_keys = [l.partition("=")[0] for l in b_lines]
         same("hostapd.conf keys", [l.partition("=")[0] for l in lines],
              [key if k == "wpa_passphrase" and key == "wpa_psk" else k for k in b_keys])
         same(key, dict(l.partition("=")[::2] for l in lines).get(key), want)
+        if key == "wpa_psk" or field.exact == 10:  # hostapd reads an unquoted key as hex digits
+            same("unquoted key is hexadecimal", bool(re.fullmatch("[0-9a-fA-F]+", text)), True)
     elif area == "ddns":
         script = (a["/etc/cron/ddns.conf"] or "").split("\n")
         b_script = b["/etc/cron/ddns.conf"].split("\n")
@@ -386,7 +404,8 @@ def arrival_problems(field, kind, text, a, b):
     elif area == "ethmac":
         same("eth0", a["eth0"], text.lower() + "\n")
     elif area == "upnp":
-        same("miniupnpd.conf", a["/var/nm/miniupnpd.conf"], f"enable=yes\nfriendlyName={text}\n")
+        same("miniupnpd.conf lines", (a["/var/nm/miniupnpd.conf"] or "").split("\n"),
+             ["enable=yes", f"friendlyName={text}", ""])
     elif area == "bonjour":
         same("host name", a["/proc/sys/kernel/hostname"], text + "\n")
         b_hosts = b["hosts from the store"].split("\n")
@@ -442,7 +461,7 @@ class HostileInput(SimTestCase):
         for f in fields:
             for kind, text in cases_of(f):
                 words = None if kind == FULL else f.words(text)
-                cases.append({"area": area, "raw": f.raw, "text": text, "words": words,
+                cases.append({"area": area, "raw": f.name, "text": text, "words": words,
                               "context": f.raw_context})
                 meta.append((f, kind, text, "tool" if words else "driver"))
         job = {"area": area, "context": fields[0].context, "raw_set": raw_set, "cases": cases}
@@ -472,9 +491,15 @@ class HostileInput(SimTestCase):
                 self.assertIsNotNone(b, "no benign set to compare with")
                 self.assertEqual(arrival_problems(f, kind, text, res["after"], b), [])
                 marks.append("A")
-        new = sorted(set(report["tmp_after"]) - set(report["tmp_before"]))
-        self.assertEqual([n for n in new if re.fullmatch(r"p[0-9a-z]?", n)], [],
-                         f"a payload ran a command (new in /tmp: {new})")
+        # Nothing new in /tmp but the DDNS update's answer (the script's -O file).
+        allowed = set()
+        for f in fields:
+            script = (benign.get(f.label) or {}).get("/etc/cron/ddns.conf")
+            m = URL.match(script.split("\n")[1]) if script and script.count("\n") == 2 else None
+            if m:
+                allowed.add(os.path.basename(m[1]))
+        new = set(report["tmp_after"]) - set(report["tmp_before"]) - allowed
+        self.assertEqual(sorted(new), [], "a payload ran a command: new files in /tmp")
         return meta, report["results"]
 
     def fields(self, area):
