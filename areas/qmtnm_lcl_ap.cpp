@@ -196,8 +196,7 @@ int32_t update_hostapd_file(const softap *cfg) {
                                                 "wpa_pairwise=TKIP CCMP\n"};
         fputs("auth_algs=1\n", f);
         fprintf(f, "wpa=%d\n", cfg->auth - 1);
-        // 64 characters are the key itself, hexadecimal: hostapd takes no such passphrase.
-        fprintf(f, len == nm::wifi::kWpaPskLen ? "wpa_psk=%s\n" : "wpa_passphrase=%s\n", pass.text);
+        fprintf(f, "wpa_passphrase=%s\n", pass.text);
         fputs("wpa_key_mgmt=WPA-PSK\n", f);
         if (static_cast<uint32_t>(cfg->encry) < std::size(kPairwise))
             fputs(kPairwise[cfg->encry], f);

@@ -176,11 +176,8 @@ int32_t sta_join(const sta_cfg *cfg) {
     case 2:
     case 3:
     case 4:
-        if (strlen(pass.text) == nm::wifi::kWpaPskLen) // the key itself, hexadecimal
-            nm::run_cmd(kCmdCap, "%s set_network 0 psk %s &>/dev/null", kWpaCli, pass.text);
-        else
-            nm::run_cmd(kTextCmdCap, "%s set_network 0 psk '\"%s\"' &>/dev/null", kWpaCli,
-                        quoted(cfg->password).text);
+        nm::run_cmd(kTextCmdCap, "%s set_network 0 psk '\"%s\"' &>/dev/null", kWpaCli,
+                    quoted(cfg->password).text);
         break;
     default:
         NM_ERR("Invalid auth mode\n");

@@ -21,18 +21,15 @@ constexpr bool wep_len_ok(size_t n) {
 constexpr bool wep_hex_len(size_t n) {
     return n == 10 || n == 26;
 }
-// WPA passphrases: 8 to 64 characters. A key of 64 is the pre-shared key itself, 64
-// hexadecimal digits: the supplicant and hostapd take a passphrase of 63 characters at most.
+// WPA passphrases: 8 to 64 characters.
 constexpr bool wpa_len_ok(size_t n) {
     return n >= 8 && n <= 64;
 }
-constexpr size_t kWpaPskLen = 64;
 
 // Why a name or key cannot be used as it is, or null. A control character (a line break, a
 // tab, DEL) would end or split its line in wpa_supplicant.conf or hostapd.conf, and the
 // supplicant refuses one in a passphrase; so it is refused. A hexadecimal-length WEP key stands
-// unquoted on a wpa_cli command line and in hostapd.conf, so it must be hexadecimal digits; so
-// must a WPA key of 64 characters, which is the pre-shared key itself and stands unquoted too.
+// unquoted on a wpa_cli command line and in hostapd.conf, so it must be hexadecimal digits.
 // Every other character is kept: in a command, a name or key stands inside '"..."', where the
 // shell leaves everything but a single quote alone (that one is written '\'') and wpa_supplicant
 // takes the text up to the last double quote, so double quotes, backslashes and blanks inside
@@ -46,8 +43,6 @@ inline const char *text_refusal(const char *ssid, int32_t auth, const char *pass
         return "password holds a control character";
     if (auth == 1 && wep_hex_len(strlen(password)) && !all_hex(password))
         return "wep key of 10 or 26 characters must be hexadecimal";
-    if (auth >= 2 && strlen(password) == kWpaPskLen && !all_hex(password))
-        return "wpa key of 64 characters must be hexadecimal";
     return nullptr;
 }
 
