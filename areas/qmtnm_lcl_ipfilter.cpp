@@ -80,11 +80,9 @@ int32_t invalid(const char *fmt, int index = -1, const char *addr = nullptr) {
 }
 
 // Only a plain dotted quad passes: the addresses go into an iptables command unquoted, and
-// inet_aton would also take "1.1.1.1 anything". A text longer than the 15 characters in use is
-// refused too, since its rest would be dropped unseen ("192.168.100.100;x").
-bool dotted_quad(const char (&field)[17], in_addr *addr) {
-    return strnlen(field, sizeof field) < kAddrCap &&
-           inet_pton(AF_INET, addr_text(field).text, addr) == 1;
+// inet_aton would also take "1.1.1.1 anything".
+bool dotted_quad(const char *text, in_addr *addr) {
+    return inet_pton(AF_INET, text, addr) == 1;
 }
 
 int32_t check_ipfilter_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
@@ -101,9 +99,9 @@ int32_t check_ipfilter_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     for (int32_t i = 0; i < cfg->index; ++i) {
         addr_text begin(cfg->rules[i].begin_ip), end(cfg->rules[i].end_ip);
         in_addr b, e;
-        if (!dotted_quad(cfg->rules[i].begin_ip, &b))
+        if (!dotted_quad(begin.text, &b))
             return invalid("index=%d begin_ip=%s format error, errno = %d\n", i, begin.text);
-        if (!dotted_quad(cfg->rules[i].end_ip, &e))
+        if (!dotted_quad(end.text, &e))
             return invalid("index=%d end_ip=%s format error, errno = %d\n", i, end.text);
         // One 255.255.255.0 network, and the end's last octet not below the begin's.
         const auto *bb = reinterpret_cast<const unsigned char *>(&b.s_addr);
