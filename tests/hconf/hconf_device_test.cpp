@@ -66,51 +66,39 @@ class Device : public testing::Test {
     std::string image_;
 };
 
-TEST_F(Device, EntriesWrittenAreReadBackWithTheHeader) {
-    qmt_hconf_header_rec h = {};
-    int r = -100;
-    EXPECT_EQ(stdout_of([&] { r = qmt_hconf_read_header(&h); }),
-              "header: 0x68636f6e num 0 len 12\n");
-    EXPECT_EQ(r, 0);
-    ASSERT_EQ(put("0x01000002:0:4:c0a8010a"), 0);
-    ASSERT_EQ(put("0x10:1:5:hello"), 0);
-    // The read requests print the record the driver filled in.
-    EXPECT_EQ(stdout_of([&] { r = qmt_hconf_read_header(&h); }),
-              "header: 0x68636f6e num 2 len 37\n"); // 12 + (8 + 4) + (8 + 5)
-    EXPECT_EQ(r, 0);
-    std::vector<uint8_t> buf(8 + 64);
-    auto *e = reinterpret_cast<qmt_hconf_entry_rec *>(buf.data());
-    e->id = 0x10;
-    e->len = 64;
-    EXPECT_EQ(stdout_of([&] { r = qmt_hconf_read_entry(e); }), "entry: 0x10 type 1 len 5: hello\n");
-    EXPECT_EQ(r, 0);
-}
-
 // Each single-request operation succeeds with every request but its own refused, reports its
 // own refusal, and reports a device that cannot be opened.
 TEST_F(Device, EachOperationIssuesItsOwnRequest) {
-    qmt_hconf_header_rec h = {QMT_HCONF_MAGIC, 1, 21};
-    uint8_t rec[8 + 16] = {0x42, 0, 0, 0, 0, 0, 1, 0, 0x5a}; // id 0x42, type 0, len 1
+    const qmt_hconf_header_rec w = {QMT_HCONF_MAGIC, 1, 21};
+    const uint8_t wrec[] = {0x42, 0, 0, 0, 0, 0, 1, 0, 0x5a}; // id 0x42, type 0, len 1, data
+    qmt_hconf_header_rec h = {};
+    uint8_t rec[8 + 16] = {};
     auto *e = reinterpret_cast<qmt_hconf_entry_rec *>(rec);
+    // What a read left in the caller's record, as its dump.
+    auto header_now = [&] { return stdout_of([&] { qmt_hconf_header_dump(&h); }); };
+    auto entry_now = [&] { return stdout_of([&] { qmt_hconf_entry_dump(e); }); };
     struct {
         std::string func;
         const char *nr, *fail_text;
         std::string ok_out;
         std::function<int()> call;
+        std::function<std::string()> filled;
     } const ops[] = {
         {"qmt_hconf_read_header", "3", "read header failed", "header: 0x68636f6e num 1 len 21\n",
-         [&] { return qmt_hconf_read_header(&h); }},
+         [&] { return qmt_hconf_read_header(&h); }, header_now},
         {"qmt_hconf_write_header", "4", "write header failed", "",
-         [&] { return qmt_hconf_write_header(&h); }},
+         [&] { return qmt_hconf_write_header(&w); }, nullptr},
+        // The caller gives the id and, as len, the room for the data.
         {"qmt_hconf_read_entry", "5", "read entry failed", "entry: 0x42 type 0 len 1: 5a \n",
-         [&] { return e->len = 16, qmt_hconf_read_entry(e); }}, // len: the room for the data
+         [&] { return e->id = 0x42, e->len = 16, qmt_hconf_read_entry(e); }, entry_now},
         {"qmt_hconf_write_entry", "6", "write entry failed", "",
-         [&] { return e->len = 1, qmt_hconf_write_entry(e); }},
+         [&] { return qmt_hconf_write_entry(reinterpret_cast<const qmt_hconf_entry_rec *>(wrec)); },
+         nullptr},
         // The argument is passed through: the stand-in refuses an id it does not hold.
         {"qmt_hconf_del_entry", "9", "delete entry failed", "",
-         [] { return qmt_hconf_del_entry(0x42); }},
-        {"qmt_hconf_sync", "7", "sync failed", "", qmt_hconf_sync},
-        {"qmt_hconf_clear", "8", "clear failed", "", qmt_hconf_clear},
+         [] { return qmt_hconf_del_entry(0x42); }, nullptr},
+        {"qmt_hconf_sync", "7", "sync failed", "", qmt_hconf_sync, nullptr},
+        {"qmt_hconf_clear", "8", "clear failed", "", qmt_hconf_clear, nullptr},
     };
     for (const auto &op : ops) {
         SCOPED_TRACE(op.func);
@@ -134,6 +122,9 @@ TEST_F(Device, EachOperationIssuesItsOwnRequest) {
             int r = -100;
             EXPECT_EQ(stdout_of([&] { r = op.call(); }), run.out) << run.fail;
             EXPECT_EQ(r, run.result) << run.fail;
+            if (r == 0 && op.filled) {
+                EXPECT_EQ(op.filled(), op.ok_out) << "the caller's record";
+            }
         }
     }
 }
