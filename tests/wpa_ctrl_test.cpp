@@ -111,27 +111,22 @@ TEST(WpaCtrl, FirstTwoOpensOfAProcessBindCountersZeroAndOne) {
     ASSERT_EQ(pipe(p), 0);
     pid_t pid = fork();
     if (pid == 0) {
-        wpa_ctrl *a = wpa_ctrl_open(kServer);
-        wpa_ctrl *b = wpa_ctrl_open(kServer);
+        wpa_ctrl *a = wpa_ctrl_open(kServer), *b = wpa_ctrl_open(kServer);
         std::string paths = (a ? local_path(a) : "null") + " " + (b ? local_path(b) : "null");
-        if (write(p[1], paths.data(), paths.size()) < 0)
-            _exit(1);
-        _exit(0);
+        // A datagram ends the server's wait.
+        _exit(write(p[1], paths.data(), paths.size()) < 0 || !a ||
+              send(wpa_ctrl_get_fd(a), "x", 1, 0) != 1);
     }
     close(p[1]);
     char buf[256] = {};
     ssize_t n = read(p[0], buf, sizeof buf - 1);
     close(p[0]);
-    waitpid(pid, nullptr, 0);
-    ASSERT_GT(n, 0);
-    std::string want =
-        "/tmp/wpa_ctrl_" + std::to_string(pid) + "-0 /tmp/wpa_ctrl_" + std::to_string(pid) + "-1";
-    EXPECT_EQ(std::string(buf), want);
-    // Let the server thread end.
-    wpa_ctrl *c = wpa_ctrl_open(kServer);
-    ASSERT_NE(c, nullptr);
-    ASSERT_EQ(send(wpa_ctrl_get_fd(c), "x", 1, 0), 1);
-    wpa_ctrl_close(c);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_GT(n, 0);
+    EXPECT_EQ(status, 0);
+    const std::string base = "/tmp/wpa_ctrl_" + std::to_string(pid);
+    EXPECT_EQ(std::string(buf), base + "-0 " + base + "-1");
 }
 
 TEST(WpaCtrl, OpenRefusesPathsThatDoNotFitAndCleansUpAfterAFailedConnect) {
@@ -153,20 +148,17 @@ TEST(WpaCtrl, OpenRefusesPathsThatDoNotFitAndCleansUpAfterAFailedConnect) {
     // Too long: refused, and the bound local file stays behind.
     EXPECT_EQ(wpa_ctrl_open(path108.c_str()), nullptr);
     EXPECT_TRUE(exists(dir + std::to_string(n + 2)));
-    EXPECT_EQ(wpa_ctrl_open(std::string(300, 'x').c_str()), nullptr);
-    EXPECT_TRUE(exists(dir + std::to_string(n + 3)));
     // The counter moved on with every open, failed ones included.
     wpa_ctrl *c = wpa_ctrl_open(kServer);
     ASSERT_NE(c, nullptr);
-    EXPECT_EQ(local_path(c), dir + std::to_string(n + 4));
+    EXPECT_EQ(local_path(c), dir + std::to_string(n + 3));
     EXPECT_EQ(wpa_ctrl_attach(c), 0);
     wpa_ctrl_close(c);
-    EXPECT_FALSE(exists(dir + std::to_string(n + 4))) << "close removes the local file";
+    EXPECT_FALSE(exists(dir + std::to_string(n + 3))) << "close removes the local file";
 }
 
 TEST(WpaCtrl, RequestWaitsTwoSecondsAfterTheCommandOrTheLastEvent) {
     struct {
-        const char *what;
         std::vector<step> script;
         size_t reply_cap;
         int result;
@@ -174,38 +166,18 @@ TEST(WpaCtrl, RequestWaitsTwoSecondsAfterTheCommandOrTheLastEvent) {
         strings events;
         int min_ms, max_ms;
     } const rows[] = {
-        {"silence", {}, 64, -2, "", {}, 1900, 2600},
-        {"reply", {{0, "PONG\n"}}, 64, 0, "PONG\n", {}, 0, 500},
-        {"events restart the wait",
-         {{1300, "<3>CTRL-EVENT-A"}, {1300, "<2>CTRL-EVENT-B x"}, {1300, "OK\n"}},
-         64,
-         0,
-         "OK\n",
-         {"<3>CTRL-EVENT-A", "<2>CTRL-EVENT-B x"},
-         3700,
-         4600},
-        {"events, then silence",
-         {{0, "<3>E1"}, {1500, "<3>E2"}},
-         64,
-         -2,
-         "",
-         {"<3>E1", "<3>E2"},
-         3300,
-         4200},
+        {{}, 64, -2, "", {}, 1900, 2600}, // silence
+        {{{0, "PONG\n"}}, 64, 0, "PONG\n", {}, 0, 500},
+        // Each event restarts the wait.
+        {{{1300, "<3>A"}, {1300, "<2>B"}, {1300, "OK"}}, 64, 0, "OK", {"<3>A", "<2>B"}, 3700, 4600},
+        {{{0, "<3>E1"}, {1500, "<3>E2"}}, 64, -2, "", {"<3>E1", "<3>E2"}, 3300, 4200},
         // An event that fills the buffer loses its last byte to the terminator; a reply that
         // fills it is delivered whole, unterminated.
-        {"full buffers",
-         {{0, "<3>ABCDEFGH"}, {0, "0123456789X"}},
-         11,
-         0,
-         "0123456789X",
-         {"<3>ABCDEFG"},
-         0,
-         500},
-        {"empty reply", {{0, ""}}, 16, 0, "", {}, 0, 500},
+        {{{0, "<3>ABCDEFGH"}, {0, "0123456789X"}}, 11, 0, "0123456789X", {"<3>ABCDEFG"}, 0, 500},
+        {{{0, ""}}, 16, 0, "", {}, 0, 500}, // an empty reply
     };
     for (const auto &r : rows) {
-        SCOPED_TRACE(r.what);
+        SCOPED_TRACE(r.script.empty() ? "silence" : r.script.back().datagram);
         events.clear();
         script_server server(kServer, r.script);
         wpa_ctrl *c = wpa_ctrl_open(kServer);
@@ -239,7 +211,6 @@ TEST(WpaCtrl, AttachAndDetachWantExactlyOkNewline) {
         {{{0, "OK\n"}}, 0},
         {{{0, "FAIL\n"}}, -1},
         {{{0, "OK"}}, -1},
-        {{{0, "OK\nOK"}}, -1},
         {{{0, "ok\n"}}, -1},
         {{{0, "<3>OK\n"}, {0, "OK\n"}}, 0}, // an event first is skipped
         {{{0, "OK\nOK\nOK\nOK\n"}}, -1},    // cut at 10 bytes: not 3
@@ -314,12 +285,10 @@ class Supplicant : public testing::Test {
     }
 
     // One request with a fresh reply buffer.
-    static std::string ask(wpa_ctrl *c, const std::string &cmd, int *result = nullptr) {
+    static std::string ask(wpa_ctrl *c, const std::string &cmd) {
         char reply[2048];
         size_t len = sizeof reply - 1;
         int r = wpa_ctrl_request(c, cmd.data(), cmd.size(), reply, &len, on_event);
-        if (result)
-            *result = r;
         return r == 0 ? std::string(reply, len) : "<failed " + std::to_string(r) + ">";
     }
 };
@@ -356,11 +325,6 @@ TEST_F(Supplicant, PingStatusAttachEventsDetach) {
     EXPECT_FALSE(exists(local));
 }
 
-template <size_t N> void put(char (&field)[N], const std::string &text) {
-    memset(field, 0, N);
-    memcpy(field, text.data(), std::min(N, text.size()));
-}
-
 // The station's set through the real wpa_cli: the supplicant saves the name and passphrase
 // exactly as typed, and a get reports the link the wired driver completes.
 TEST_F(Supplicant, StationSetSavesHostileTextAsTypedAndGetReportsTheLink) {
@@ -379,10 +343,10 @@ TEST_F(Supplicant, StationSetSavesHostileTextAsTypedAndGetReportsTheLink) {
         SCOPED_TRACE(r.ssid + "/" + r.pass);
         qmtnm_sta_cfg c = {};
         c.enable = 1;
-        put(c.ssid, r.ssid);
+        snprintf(c.ssid, sizeof c.ssid, "%s", r.ssid.c_str());
         c.auth = r.auth;
         c.index = 1;
-        put(c.password, r.pass);
+        snprintf(c.password, sizeof c.password, "%s", r.pass.c_str());
         ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_STA, &c, 0), 0);
         std::string conf = file_text("/var/nm/wpa_supplicant.conf");
         size_t at = conf.find("network={\n");

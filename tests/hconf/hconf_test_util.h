@@ -1,17 +1,16 @@
 // Helpers of the hardware-store and common-helper tests: standard output capture, child
-// processes with captured output, files and the stand-in driver's image.
+// processes with captured output, and files.
 #pragma once
 
 #include "qmt_hconf.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -35,30 +34,18 @@ struct free_delete {
 using entry_ptr = std::unique_ptr<qmt_hconf_entry_rec, free_delete>;
 using header_ptr = std::unique_ptr<qmt_hconf_header_rec, free_delete>;
 
-inline std::vector<uint8_t> data_of(const qmt_hconf_entry_rec *e) {
-    return std::vector<uint8_t>(e->data, e->data + e->len);
-}
-
 // Exit status and output (standard output and standard error together) of a command.
 struct run_result {
     int status = -1; // exit status, or 128 + signal
     std::string out;
 };
 
-// argv0 may hold an emulator in front of the program ("qemu-mipsel -L /sysroot prog").
+// argv0 may hold an emulator in front of the program ("qemu-mipsel -L /sysroot prog"). The
+// program is started without a shell, so that nothing but the program sees LD_PRELOAD.
 inline run_result run(const std::string &argv0, const std::vector<std::string> &args) {
-    std::vector<std::string> words;
-    size_t pos = 0;
-    while (pos < argv0.size()) {
-        size_t end = argv0.find(' ', pos);
-        if (end == std::string::npos)
-            end = argv0.size();
-        if (end > pos)
-            words.push_back(argv0.substr(pos, end - pos));
-        pos = end + 1;
-    }
-    for (const std::string &a : args)
-        words.push_back(a);
+    std::istringstream split(argv0);
+    std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
+    words.insert(words.end(), args.begin(), args.end());
     std::vector<char *> argv;
     for (std::string &w : words)
         argv.push_back(w.data());
@@ -90,24 +77,16 @@ inline run_result run(const std::string &argv0, const std::vector<std::string> &
     return r;
 }
 
-inline bool read_file(const std::string &path, std::string *out) {
-    FILE *f = fopen(path.c_str(), "rb");
-    if (f == nullptr)
-        return false;
-    out->clear();
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, f)) > 0)
-        out->append(buf, n);
-    fclose(f);
-    return true;
+// The whole file, or "<missing>" when it cannot be opened.
+inline std::string read_file(const std::string &path) {
+    std::ifstream f(path, std::ios::binary);
+    return f ? std::string(std::istreambuf_iterator<char>(f), {}) : "<missing>";
 }
 
 inline void write_file(const std::string &path, const std::string &text) {
-    FILE *f = fopen(path.c_str(), "wb");
-    ASSERT_NE(f, nullptr) << path;
-    ASSERT_EQ(fwrite(text.data(), 1, text.size(), f), text.size());
-    ASSERT_EQ(fclose(f), 0);
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << text;
+    ASSERT_TRUE(f.good()) << path;
 }
 
 inline bool exists(const std::string &path) {
@@ -118,53 +97,9 @@ inline bool exists(const std::string &path) {
 // A fresh directory for one test.
 inline std::string fresh_dir(const char *tag) {
     std::string templ = std::string("/tmp/") + tag + ".XXXXXX";
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (mkdtemp(buf.data()) == nullptr)
+    if (mkdtemp(templ.data()) == nullptr)
         ADD_FAILURE() << "mkdtemp " << templ;
-    return buf.data();
-}
-
-// An entry of a store image, as the image holds it.
-struct image_entry {
-    uint32_t id;
-    uint16_t type;
-    std::vector<uint8_t> data;
-    bool operator==(const image_entry &o) const {
-        return id == o.id && type == o.type && data == o.data;
-    }
-};
-
-// Decodes a 65536-byte image: header fields and the entries the header counts.
-inline bool decode_image(const std::string &img, uint32_t *num, std::vector<image_entry> *out) {
-    if (img.size() < 12)
-        return false;
-    auto u32 = [&](size_t off) {
-        uint32_t v;
-        memcpy(&v, img.data() + off, 4);
-        return v;
-    };
-    auto u16 = [&](size_t off) {
-        uint16_t v;
-        memcpy(&v, img.data() + off, 2);
-        return v;
-    };
-    if (u32(0) != QMT_HCONF_MAGIC)
-        return false;
-    *num = u32(4);
-    out->clear();
-    size_t off = 12;
-    for (uint32_t i = 0; i < *num; ++i) {
-        if (off + 8 > img.size())
-            return false;
-        uint16_t len = u16(off + 6);
-        if (off + 8 + len > img.size())
-            return false;
-        const auto *d = reinterpret_cast<const uint8_t *>(img.data() + off + 8);
-        out->push_back({u32(off), u16(off + 4), std::vector<uint8_t>(d, d + len)});
-        off += 8 + len;
-    }
-    return true;
+    return templ;
 }
 
 } // namespace hconftest
