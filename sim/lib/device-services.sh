@@ -38,3 +38,34 @@ device_services() {
         echo "$upstream $host" >>/etc/hosts
     fi
 }
+
+# network_services TOP: the programs of the UPnP and Bonjour areas and the web service, as the
+# appliance has them (inside the device only):
+#   - `hostname` is busybox's, which sets any name, as the appliance's does (Debian's refuses
+#     a name such as cam's);
+#   - `miniupnpd` on PATH is sim/bin/miniupnpd-adapter, which turns the appliance's two-line
+#     file into Debian's syntax and runs Debian's /usr/sbin/miniupnpd (the link lives in a
+#     private /usr/local/sbin, ahead of /usr/sbin);
+#   - /bin/mDNSResponderPosix is sim/bin/mDNSResponderPosix-standin (no Debian package);
+#   - the web service's pages in a tmpfs at /var/www, served by busybox `httpd`.
+network_services() {
+    local top=$1 bb
+    bb=$(readlink -f "$(command -v busybox)")
+    ln -sf "$bb" /usr/bin/hostname
+    ln -sf "$bb" /usr/bin/httpd
+    ln -sf "$top/sim/bin/mDNSResponderPosix-standin" /usr/bin/mDNSResponderPosix
+    private_overlay /usr/local/sbin
+    ln -sf "$top/sim/bin/miniupnpd-adapter" /usr/local/sbin/miniupnpd
+    private_tmpfs /var/www
+    cat >/var/www/index.html <<'PAGE'
+<!DOCTYPE html>
+<html><head><title>qmtnm device</title></head>
+<body><h1>qmtnm device</h1><p>The appliance's web service.</p></body></html>
+PAGE
+}
+
+# start_web_service: the appliance's web service on TCP port 80 of every address (busybox
+# httpd in the foreground, a child of the device's init).
+start_web_service() {
+    httpd -f -p 80 -h /var/www </dev/null >/dev/null 2>&1 &
+}
