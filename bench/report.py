@@ -100,6 +100,14 @@ def main(argv):
         "8 SELECTs", tmpfs, "BM_sql_select/8")
     row("qmtnm_lcl_get(ipfilter), 8 rules", 1, tmpfs, "BM_lcl_get_ipfilter", "19 SELECTs", tmpfs,
         "BM_sql_select/19")
+    for area_id, name, sql in ((0, "br", 1), (1, "ethtype", 1), (2, "ethmac", 0), (5, "ddns", 5),
+                               (6, "pppoe", 3), (7, "upnp", 2), (8, "bonjour", 2),
+                               (12, "wanflash", 6)):
+        what = "qmtnm_lcl_get(%s)" % name + (", eth0's hardware address" if not sql else "")
+        floor = ("%d SELECT%s" % (sql, "s" if sql > 1 else ""), "BM_sql_select/%d" % sql) \
+            if sql in (1, 2, 6) else (None, None)
+        row(what, 1, tmpfs, "BM_lcl_get_each/id:%d" % area_id, floor[0], tmpfs if floor[1] else None,
+            floor[1])
     row("qmt_conf_scanf, one int", 1, tmpfs, "BM_store_read", sel1, tmpfs, "BM_sql_select/1")
     row("qmt_conf_printf, one int, db on tmpfs", 1, tmpfs, "BM_store_write", ins, tmpfs,
         "BM_sql_insert")
