@@ -71,11 +71,15 @@ int32_t get_ipf_config(lcl_instance *, void *arg1, uintptr_t) {
 
 // ---- check ----
 
-int32_t invalid(const char *fmt, int index = -1, const char *addr = nullptr) {
-    if (addr != nullptr)
-        nm::log(nm::LOG_GATE_ERR, "check_ipfilter_info_grammar", fmt, index, addr, kInvalid);
-    else
-        nm::log(nm::LOG_GATE_ERR, "check_ipfilter_info_grammar", fmt, kInvalid);
+int32_t invalid(const char *what) {
+    nm::log(nm::LOG_GATE_ERR, "check_ipfilter_info_grammar", what, kInvalid);
+    return kInvalid;
+}
+
+// A rule's address that is no dotted quad: which is "begin_ip" or "end_ip".
+int32_t invalid_addr(int32_t index, const char *which, const char *addr) {
+    nm::log(nm::LOG_GATE_ERR, "check_ipfilter_info_grammar",
+            "index=%d %s=%s format error, errno = %d\n", index, which, addr, kInvalid);
     return kInvalid;
 }
 
@@ -100,9 +104,9 @@ int32_t check_ipfilter_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
         addr_text begin(cfg->rules[i].begin_ip), end(cfg->rules[i].end_ip);
         in_addr b, e;
         if (!dotted_quad(begin.text, &b))
-            return invalid("index=%d begin_ip=%s format error, errno = %d\n", i, begin.text);
+            return invalid_addr(i, "begin_ip", begin.text);
         if (!dotted_quad(end.text, &e))
-            return invalid("index=%d end_ip=%s format error, errno = %d\n", i, end.text);
+            return invalid_addr(i, "end_ip", end.text);
         // One 255.255.255.0 network, and the end's last octet not below the begin's.
         const auto *bb = reinterpret_cast<const unsigned char *>(&b.s_addr);
         const auto *eb = reinterpret_cast<const unsigned char *>(&e.s_addr);

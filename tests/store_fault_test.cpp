@@ -332,6 +332,13 @@ TEST_F(StoreFault, FullFileSystem) {
             res->acked = 1;
         }
         fs.fill();
+        // Reads the record back: the last acknowledged one, or that one with the failed flush's
+        // first keys new.
+        auto read_back = [&] {
+            record got;
+            res->get_code = get_rec(a, got);
+            res->got_ok = old_or_new(a, got, make(a, res->acked), make(a, res->acked + 1));
+        };
 
         // Sets until one fails, the filler taking every block the store gives back.
         nm_log_level = 0;
@@ -349,10 +356,7 @@ TEST_F(StoreFault, FullFileSystem) {
                           res->acked = n;
                           fs.fill();
                       }
-                      record got;
-                      res->get_code = get_rec(a, got);
-                      res->got_ok =
-                          old_or_new(a, got, make(a, res->acked), make(a, res->acked + 1));
+                      read_back();
                       return 0;
                   }),
                   0);
@@ -378,10 +382,7 @@ TEST_F(StoreFault, FullFileSystem) {
         fs.fill();
         ASSERT_EQ(in_child([&] {
                       setenv("SYSCONF_DB", db, 1);
-                      record got;
-                      res->get_code = get_rec(a, got);
-                      res->got_ok =
-                          old_or_new(a, got, make(a, res->acked), make(a, res->acked + 1));
+                      read_back();
                       return 0;
                   }),
                   0);
