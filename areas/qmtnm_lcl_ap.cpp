@@ -28,6 +28,10 @@ constexpr int32_t kStoredChannelKept = 0xFF00; // a stored channel from here up 
     NM_FIELD(softap, member, type, key, cap, "get network_softap " key " fail, errno = %d",        \
              "set network_softap " word " fail, errno = %d")
 
+#define AP_TEXT(member, type, key, rule, min, word)                                                \
+    NM_TEXT(softap, member, type, key, rule, min, "get network_softap " key " fail, errno = %d",   \
+            "set network_softap " word " fail, errno = %d")
+
 enum field_index : uint8_t {
     kEnable,
     kHwMode,
@@ -46,14 +50,14 @@ constexpr nm::store_field kFields[] = {
     AP_FIELD(enable, i32, "enable", 0, "enable"),
     AP_FIELD(hw_mode, i32, "hw_mode", 0, "protocol"),
     AP_FIELD(channel, i32, "channel", 0, "channel"),
-    AP_FIELD(ssid, str_K, "ssid", 32, "ssid"),
+    AP_TEXT(ssid, str_K, "ssid", no_control, 1, "ssid"),
     AP_FIELD(hide_ssid, i32, "hide_ssid", 0, "hide"),
     AP_FIELD(auth, i32, "auth", 0, "auth"),
     AP_FIELD(encry, i32, "encry", 0, "encry"),
     AP_FIELD(index, i32, "index", 0, "index"),
-    AP_FIELD(password, str, "password", 64, "password"),
+    AP_TEXT(password, str, "password", no_control, 0, "password"),
     AP_FIELD(wps_enable, i32, "wps_enable", 0, "wps_enable"),
-    AP_FIELD(wps_pin, str, "wps_pin", 9, "wps_pin"),
+    AP_TEXT(wps_pin, str, "wps_pin", digits, 0, "wps_pin"),
 };
 constexpr nm::store_map kStore = {"network_softap", kModule, kFields, std::size(kFields)};
 
@@ -92,7 +96,7 @@ int32_t check_softap_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     if (cfg->enable == 0)
         return 0;
     nm::field_text<sizeof cfg->ssid> ssid(cfg->ssid);
-    if (!ssid.length_ok())
+    if (nm::field_fault(kFields[kSsid], cfg) == nm::text_fault::length)
         return invalid("ap ssid len out of range");
     int32_t channel = cfg->channel & ~kChannelMarker;
     if (channel < 1 || channel > 13)
@@ -116,7 +120,11 @@ int32_t check_softap_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
         if (!nm::wifi::wpa_len_ok(len))
             return invalid("ap password len invalid, len=%d", len);
     }
-    if (const char *why = nm::wifi::text_refusal(ssid.text, cfg->auth, pass.text)) {
+    // The key is stored also without security when WPS is on: its rule holds then too.
+    const char *why = nm::wifi::text_refusal(ssid.text, cfg->auth, pass.text);
+    if (why == nullptr && nm::field_fault(kFields[kPassword], cfg) != nm::text_fault::none)
+        why = "password holds a control character";
+    if (why) {
         nm::log(nm::LOG_GATE_ERR, "check_softap_info_grammar", "ap %s, errno = %d", why, kInvalid);
         return kInvalid;
     }
@@ -270,7 +278,7 @@ lcl_instance ap_lcl = {
     ap_activate_now,
     flush_softap_info,
     nullptr,
-    set_ap,
+    nm::checked_apply<check_softap_info_grammar, set_ap>,
     get_ap,
     nullptr,
     nullptr,

@@ -16,12 +16,14 @@ constexpr size_t kQuotedCap = 256;
 constexpr size_t kHostnameCmdCap = 192;
 constexpr const char kHostnameCmd[] = "hostname '%s'";
 
-// The host name is stored only while Bonjour is on.
+// The host name is stored only while Bonjour is on. It must stay one field of the hosts file's
+// line (no blank, '#' or control character) and must not read as an option to hostname (a
+// leading '-').
 constexpr nm::store_field kFields[] = {
     NM_FIELD(bonjour_cfg, enable, i32, "enable", 0, "read bonjour enable fail, ret = %d\n",
              "write bonjour enable fail, ret = %d\n"),
-    NM_FIELD(bonjour_cfg, hostname, str, "hostname", kNameMax,
-             "read bonjour hostname fail, ret = %d\n", "write bonjour hostname fail, ret = %d\n"),
+    NM_TEXT(bonjour_cfg, hostname, str, "hostname", host_word, 0,
+            "read bonjour hostname fail, ret = %d\n", "write bonjour hostname fail, ret = %d\n"),
 };
 constexpr nm::store_map kStore = {"network_bonjour", kModule, kFields, 2, nm::stop_when::zero};
 
@@ -37,9 +39,7 @@ bool quote_hostname(const name_text &name, char (&quoted)[kQuotedCap]) {
            strlen(quoted) + sizeof kHostnameCmd - 3 < kHostnameCmdCap;
 }
 
-// Besides its length, the name must stay one field of the hosts file's line (no blank, '#' or
-// control character), must not read as an option to hostname (a leading '-'), and its quoted
-// form must fit the hostname command.
+// Besides its rule, the name's quoted form must fit the hostname command.
 int32_t check_bonjour_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const auto *cfg = static_cast<const bonjour_cfg *>(arg1);
     if (cfg->enable == 0)
@@ -51,8 +51,7 @@ int32_t check_bonjour_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     // The field holds 64 characters at most, so the "> 64" limit cannot be reached from here.
     name_text name(cfg->hostname);
     char quoted[kQuotedCap];
-    if (nm::has_control(name.text) || strpbrk(name.text, " #") || name.text[0] == '-' ||
-        !quote_hostname(name, quoted)) {
+    if (nm::field_fault(kFields[1], cfg) != nm::text_fault::none || !quote_hostname(name, quoted)) {
         NM_ERR("input hostname value invalid, errno = %d\n", kInvalid);
         return kInvalid;
     }
@@ -73,9 +72,12 @@ int32_t set_bonjour(lcl_instance *, void *arg1, uintptr_t) {
     nm::run_cmd(64, "rm -f /var/run/mDNSResponder.pid &>/dev/null");
     if (cfg->enable == 0)
         return 0;
+    // The hosts file is written from the store. A stored name or address it refuses leaves the
+    // earlier file in place and does not stop this set, whose own name is checked and stored.
     if (int32_t r = update_hosts_file(); r < 0) {
         NM_ERR("update hosts file failed, errno = %d", r);
-        return r;
+        if (r != nm::err(QMTNM_MODULE_CORE, QMTNM_R_INVALID))
+            return r;
     }
     char quoted[kQuotedCap] = {};
     quote_hostname(name_text(cfg->hostname), quoted);
@@ -101,7 +103,7 @@ lcl_instance bonjour_lcl = {
     nullptr,
     flush_bonjour_config,
     nullptr,
-    set_bonjour,
+    nm::checked_apply<check_bonjour_info_grammar, set_bonjour>,
     get_bonjour,
     nullptr,
     nullptr,

@@ -24,18 +24,24 @@ constexpr size_t kTextMax = sizeof(ddns_cfg::domain); // a full field has no ter
 constexpr const char *kScript = "/etc/cron/ddns.conf";
 constexpr const char *kCrontab = "/var/spool/cron/crontabs/root";
 
-// In the order they are written; the domain and credentials stay stored while DDNS is off.
+// In the order they are written; the domain and credentials stay stored while DDNS is off. The
+// domain goes into the update's URL as it is, so it must be a host name; the credentials are
+// percent-encoded there.
+enum field_index : uint8_t { kEnable, kType, kDomain, kUsername, kPassword };
 constexpr nm::store_field kFields[] = {
     NM_FIELD(ddns_cfg, enable, i32, "enable", 0, "read network_ddns enable fail, errno = %d",
              "write network_ddns enable fail, errno = %d"),
     NM_FIELD(ddns_cfg, type, i32, "type", 0, "read network_ddns type fail, errno = %d",
              "write network_ddns type fail, errno = %d"),
-    NM_FIELD(ddns_cfg, domain, str, "domain", 32, "read network_ddns domain fail, errno = %d",
-             "write network_ddns domain fail, errno = %d"),
-    NM_FIELD(ddns_cfg, username, str, "username", 32, "read network_ddns username fail, errno = %d",
-             "write network_ddns username fail, errno = %d"),
-    NM_FIELD(ddns_cfg, password, str, "password", 32, "read network_ddns password fail, errno = %d",
-             "write network_ddns password fail, errno = %d"),
+    NM_TEXT(ddns_cfg, domain, str, "domain", host_name, 1,
+            "read network_ddns domain fail, errno = %d",
+            "write network_ddns domain fail, errno = %d"),
+    NM_TEXT(ddns_cfg, username, str, "username", any, 1,
+            "read network_ddns username fail, errno = %d",
+            "write network_ddns username fail, errno = %d"),
+    NM_TEXT(ddns_cfg, password, str, "password", any, 1,
+            "read network_ddns password fail, errno = %d",
+            "write network_ddns password fail, errno = %d"),
 };
 constexpr nm::store_map kStore = {"network_ddns", kModule, kFields, 5, nm::stop_when::zero};
 
@@ -50,22 +56,22 @@ int32_t invalid(const char *what) {
     return kInvalid;
 }
 
-// The domain goes into the update's URL as it is, so it must be a host name; the credentials are
-// percent-encoded there.
 int32_t check_ddns_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const auto *cfg = static_cast<const ddns_cfg *>(arg1);
     if (cfg->enable == 0)
         return 0;
     if (cfg->type != 0)
         return invalid("ddns type FAIL of range!, errno = %d");
-    field_text domain(cfg->domain);
-    if (!domain.length_ok())
-        return invalid("ddns domain length FAIL of range!, errno = %d");
-    if (!field_text(cfg->username).length_ok())
-        return invalid("ddns username length FAIL of range!, errno = %d");
-    if (!field_text(cfg->password).length_ok())
-        return invalid("ddns password length FAIL of range!, errno = %d");
-    if (!nm::host_name(domain.text))
+    constexpr struct {
+        field_index field;
+        const char *too_short;
+    } kLengths[] = {{kDomain, "ddns domain length FAIL of range!, errno = %d"},
+                    {kUsername, "ddns username length FAIL of range!, errno = %d"},
+                    {kPassword, "ddns password length FAIL of range!, errno = %d"}};
+    for (const auto &l : kLengths)
+        if (nm::field_fault(kFields[l.field], cfg) == nm::text_fault::length)
+            return invalid(l.too_short);
+    if (nm::field_fault(kFields[kDomain], cfg) != nm::text_fault::none)
         return invalid("ddns domain value invalid, errno = %d");
     return 0;
 }
@@ -147,7 +153,7 @@ lcl_instance ddns_lcl = {
     nullptr,
     flush_ddns_info,
     nullptr,
-    set_ddns,
+    nm::checked_apply<check_ddns_info_grammar, set_ddns>,
     get_ddns,
     nullptr,
     nullptr,

@@ -191,7 +191,7 @@ lcl_instance ipfilter_lcl = {
     nullptr,
     flush_ipfilter_config,
     nullptr,
-    set_ipfilter,
+    nm::checked_apply<check_ipfilter_info_grammar, set_ipfilter>,
     get_ipf_config,
     nullptr,
     nullptr,

@@ -176,7 +176,7 @@ lcl_instance lan_lcl = {
     nullptr,
     flush_lan_config,
     nullptr,
-    set_lan,
+    nm::checked_apply<check_lan_info_grammar, set_lan>,
     get_lan,
     nullptr,
     nullptr,

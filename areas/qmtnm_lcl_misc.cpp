@@ -207,7 +207,7 @@ lcl_instance ethmac_lcl = {
     nullptr,
     nullptr,
     nullptr,
-    set_mac_addr,
+    nm::checked_apply<check_macaddr_info_grammar, set_mac_addr>,
     get_mac_addr,
     nullptr,
     nullptr,

@@ -19,16 +19,18 @@ constexpr size_t kCmdCap = 128;
 constexpr size_t kNameMax = sizeof(pppoe_cfg::username); // a full field has no terminator
 constexpr const char *kPppDir = "/etc/ppp";
 
-// In the order they are written; name and password stay stored while PPPoE is off.
+// In the order they are written; name and password stay stored while PPPoE is off. They go into
+// pppd's files inside double quotes: a line break or other control character is refused, a quote
+// or backslash is escaped when the files are written.
 constexpr nm::store_field kFields[] = {
     NM_FIELD(pppoe_cfg, enable, i32, "enable", 0, "get network_pppoe enable fail, errno = %d",
              "write network_pppoe enable fail, errno = %d"),
-    NM_FIELD(pppoe_cfg, username, str, "username", 32,
-             "get network_pppoe username fail, errno = %d",
-             "write network_pppoe username fail, errno = %d"),
-    NM_FIELD(pppoe_cfg, password, str, "password", 32,
-             "get network_pppoe password fail, errno = %d",
-             "write network_pppoe write fail, errno = %d"),
+    NM_TEXT(pppoe_cfg, username, str, "username", no_control, 1,
+            "get network_pppoe username fail, errno = %d",
+            "write network_pppoe username fail, errno = %d"),
+    NM_TEXT(pppoe_cfg, password, str, "password", no_control, 1,
+            "get network_pppoe password fail, errno = %d",
+            "write network_pppoe write fail, errno = %d"),
 };
 constexpr nm::store_map kStore = {"network_pppoe", kModule, kFields, 3, nm::stop_when::zero};
 
@@ -49,22 +51,20 @@ int32_t get_pppoe_config(pppoe_cfg *cfg) {
 
 using field_text = nm::field_text<kNameMax>;
 
-// Lengths 1 to 32. The names go into pppd's files inside double quotes: a line break or other
-// control character is refused, a quote or backslash is escaped when the files are written.
 int32_t check_pppoe_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const auto *cfg = static_cast<const pppoe_cfg *>(arg1);
     if (cfg->enable == 0)
         return 0;
-    field_text user(cfg->username), pass(cfg->password);
-    if (!user.length_ok()) {
+    nm::text_fault user = nm::field_fault(kFields[1], cfg), pass = nm::field_fault(kFields[2], cfg);
+    if (user == nm::text_fault::length) {
         NM_ERR("pppoe username length FAIL of range!, errno = %d", kInvalid);
         return kInvalid;
     }
-    if (!pass.length_ok()) {
+    if (pass == nm::text_fault::length) {
         NM_ERR("pppoe password length FAIL of range!, errno = %d", kInvalid);
         return kInvalid;
     }
-    if (nm::has_control(user.text) || nm::has_control(pass.text)) {
+    if (user != nm::text_fault::none || pass != nm::text_fault::none) {
         NM_ERR("pppoe username or password value invalid, errno = %d", kInvalid);
         return kInvalid;
     }
@@ -134,11 +134,12 @@ int32_t set_pppoe(lcl_instance *, void *arg1, uintptr_t) {
     char secret[sizeof user.text + sizeof pass.text + 8];
     snprintf(secret, sizeof secret, "\"%s\"\t*\t\"%s\"\n", user.text, pass.text);
     secret[kSecretCap - 1] = '\0';
+    // Readable by root alone, also when an earlier file had other modes.
     const char *const files[] = {"pap-secrets", "chap-secrets"};
     for (const char *name : files) {
         char path[64];
         snprintf(path, sizeof path, "%s/%s", kPppDir, name);
-        write_conf_file(path, 1, secret);
+        nm::write_private_file(path, secret);
     }
     nm::run_cmd(kCmdCap, "pppd &");
     return 0;
@@ -161,7 +162,7 @@ lcl_instance pppoe_lcl = {
     pppoe_activate_now,
     flush_pppoe_info,
     nullptr,
-    set_pppoe,
+    nm::checked_apply<check_pppoe_info_grammar, set_pppoe>,
     get_pppoe,
     nullptr,
     nullptr,

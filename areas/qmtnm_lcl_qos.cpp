@@ -76,7 +76,7 @@ lcl_instance qos_lcl = {
     nullptr,
     flush_qos_config,
     nullptr,
-    set_qos,
+    nm::checked_apply<check_qos_info_grammar, set_qos>,
     get_qos,
     nullptr,
     nullptr,

@@ -44,18 +44,19 @@ enum field_index : uint8_t { kEnable, kSsid, kAuth, kEncry, kIndex, kPassword, k
 constexpr nm::store_field kFields[] = {
     NM_FIELD(sta_cfg, enable, i32, "enable", 0, "read network_sta enable fail, errno = %d",
              "read network_sta enable fail, errno = %d\n"),
-    NM_FIELD(sta_cfg, ssid, str, "ssid", 32, "read network_sta ssid fail, errno = %d",
-             "write network_sta ssid fail, errno = %d\n"),
+    NM_TEXT(sta_cfg, ssid, str, "ssid", no_control, 1, "read network_sta ssid fail, errno = %d",
+            "write network_sta ssid fail, errno = %d\n"),
     NM_FIELD(sta_cfg, auth, i32, "auth", 0, "read network_sta auth fail, errno = %d",
              "write network_sta auth fail, errno = %d\n"),
     NM_FIELD(sta_cfg, encry, i32, "encry", 0, "read network_sta encry fail, errno = %d",
              "write network_sta encry fail, errno = %d\n"),
     NM_FIELD(sta_cfg, index, i32, "index", 0, "read network_sta index fail, errno = %d",
              "write network_sta index fail, errno = %d\n"),
-    NM_FIELD(sta_cfg, password, str, "password", 64, "read network_sta password fail, errno = %d",
-             "write network_sta password fail, errno = %d\n"),
-    NM_FIELD(sta_cfg, wps_pin, str, "wps_pin", 9, "read network_sta wps_pin fail, errno = %d",
-             "write sta wps conf fail, errno = %d\n"),
+    NM_TEXT(sta_cfg, password, str, "password", no_control, 0,
+            "read network_sta password fail, errno = %d",
+            "write network_sta password fail, errno = %d\n"),
+    NM_TEXT(sta_cfg, wps_pin, str, "wps_pin", digits, 0,
+            "read network_sta wps_pin fail, errno = %d", "write sta wps conf fail, errno = %d\n"),
 };
 constexpr nm::store_map kStore = {"network_sta", kModule, kFields, std::size(kFields)};
 
@@ -94,7 +95,7 @@ int32_t check_sta_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     if (cfg->enable == 0)
         return 0;
     nm::field_text<sizeof cfg->ssid> ssid(cfg->ssid);
-    if (!ssid.length_ok())
+    if (nm::field_fault(kFields[kSsid], cfg) == nm::text_fault::length)
         return invalid(func, "essid length should 1~32, but now is %d",
                        static_cast<int>(strlen(ssid.text)));
     if (static_cast<uint32_t>(cfg->auth) >= 5)
@@ -385,7 +386,7 @@ lcl_instance sta_lcl = {
     nullptr,
     flush_sta_info,
     nullptr,
-    set_sta,
+    nm::checked_apply<check_sta_info_grammar, set_sta>,
     get_sta,
     nullptr,
     nullptr,

@@ -17,12 +17,13 @@ constexpr int32_t kOpenFail = nm::err(kModule, QMTNM_R_IO);
 constexpr const char *kConfDir = "/var/nm";
 constexpr const char *kConfName = "miniupnpd.conf";
 
-// The name is stored only while UPnP is on.
+// The name is stored only while UPnP is on. It becomes a line of the daemon's file, so no control
+// character may stand in it.
 constexpr nm::store_field kFields[] = {
     NM_FIELD(upnp_cfg, enable, i32, "enable", 0, "get upnp enable fail, ret = %d\n",
              "write upnp enable fail, ret=%d\n"),
-    NM_FIELD(upnp_cfg, friendlyName, str, "friendlyName", 64,
-             "get upnp friendlyname fail, ret = %d\n", "write upnp friendlyname fail, ret=%d\n"),
+    NM_TEXT(upnp_cfg, friendlyName, str, "friendlyName", no_control, 0,
+            "get upnp friendlyname fail, ret = %d\n", "write upnp friendlyname fail, ret=%d\n"),
 };
 constexpr nm::store_map kStore = {"network_upnp", kModule, kFields, 2, nm::stop_when::zero};
 
@@ -30,12 +31,12 @@ int32_t get_upnp_config(upnp_cfg *cfg) {
     return nm::store_read(__func__, kStore, cfg);
 }
 
-// The name becomes a line of the daemon's file, so no control character may stand in it, whether
-// UPnP is being switched on or off (the file is written in both cases).
+// The name's rule holds whether UPnP is being switched on or off: the file is written in both
+// cases.
 int32_t check_upnp_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const auto *cfg = static_cast<const upnp_cfg *>(arg1);
     nm::field_text<sizeof cfg->friendlyName> name(cfg->friendlyName);
-    if (nm::has_control(name.text)) {
+    if (nm::field_fault(kFields[1], cfg) != nm::text_fault::none) {
         NM_ERR("upnp friendlyname holds a control character, errno = %d\n", kInvalid);
         return kInvalid;
     }
@@ -103,7 +104,7 @@ lcl_instance upnp_lcl = {
     nullptr,
     flush_upnp_config,
     nullptr,
-    set_upnp,
+    nm::checked_apply<check_upnp_info_grammar, set_upnp>,
     get_upnp,
     nullptr,
     nullptr,

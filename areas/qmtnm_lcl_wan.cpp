@@ -210,7 +210,7 @@ lcl_instance wan_lcl = {
     nullptr,
     wan_flush_config,
     nullptr,
-    set_wan,
+    nm::checked_apply<check_wan_info_grammar, set_wan>,
     get_wan,
     nullptr,
     nullptr,

@@ -27,16 +27,30 @@ enum class field_type : uint8_t {
     str_K,  // as str, but read with "%k%K%l%s" (the soft AP's name)
 };
 
+// What a text field may hold, whoever wrote it: the check holds a caller's record to it, the
+// store read holds every stored value to it (a restored backup or a hand-edited store is input
+// too), and an empty text passes (a field the area does not use keeps its factory "").
+enum class text_rule : uint8_t {
+    any,        // anything (the text is escaped wherever it goes)
+    no_control, // no control character: it stands on one line of a daemon's file
+    host_name,  // a DNS host name (host_name below): one word to the shell, one host in a URL
+    host_word,  // one field of the hosts file and no option to hostname: no blank, '#' or
+                // control character, no leading '-'
+    digits,     // decimal digits only
+};
+
 struct store_field {
     const char *key;
     field_type type;
     uint16_t offset;
-    uint16_t cap;           // string: the member's size, which is also its read capacity
+    uint16_t cap;           // string: the member's size; a text of cap characters fills it
     const char *read_fail;  // message after the prefix, one %d for the code
     const char *write_fail; // likewise for a failed write
     // Runs after the field was written, with a pointer to its value (the WAN address goes on
     // into the hardware store).
     void (*written)(const void *value) = nullptr;
+    text_rule rule = text_rule::any;
+    uint8_t min_len = 0; // the fewest characters the check takes while the area is on
 };
 
 // A switch that ends a flush early: after writing fields[switch_field], the remaining fields
@@ -65,13 +79,29 @@ struct store_map {
     ::nm::store_field {                                                                            \
         key, ::nm::field_type::type, offsetof(rec, member), cap, rmsg, __VA_ARGS__                 \
     }
+// NM_TEXT(record, member, str or str_K, key, rule, fewest characters, read message, write
+// message): a text field, its capacity the member's size.
+#define NM_TEXT(rec, member, type, key, rule, min, rmsg, wmsg)                                     \
+    ::nm::store_field {                                                                            \
+        key, ::nm::field_type::type, offsetof(rec, member), sizeof(rec::member), rmsg, wmsg,       \
+            nullptr, ::nm::text_rule::rule, min                                                    \
+    }
 
 // Reads every field (in read_order, if given) into record; stops at the first failure, logging
-// its message under func and returning the area's store code (reason -2). An address whose
-// stored text does not parse reads as 0.0.0.0.
+// its message under func and returning the area's store code (reason -2). A text field gets
+// every stored byte: a text of the field's size fills it, unterminated. A stored text longer than
+// its field or against its rule is refused with the area's invalid-input code (reason -7),
+// logged with its key. An address whose stored text does not parse reads as 0.0.0.0.
 int32_t store_read(const char *func, const store_map &map, void *record);
 // Writes every field in order, stopping after the switch as the map says.
 int32_t store_write(const char *func, const store_map &map, const void *record);
+
+// What is wrong with a text field of a record: nothing, its length (fewer than min_len
+// characters), or a character its rule refuses.
+enum class text_fault : uint8_t { none, length, content };
+text_fault field_fault(const store_field &f, const void *record);
+// Whether s keeps to rule (an empty text does).
+bool text_ok(text_rule rule, const char *s);
 
 // One value through the store, domain "network": the raw store result (negative = failure).
 int store_get_int(const char *section, const char *key, int32_t *out);
@@ -79,9 +109,10 @@ int store_get_str(const char *section, const char *key, char *buf, int cap);
 int store_put_int(const char *section, const char *key, int32_t value);
 int store_put_str(const char *section, const char *key, const char *value);
 
-// Reads the interface name stored under section/"port" into buf (cap bytes, cut there). The
-// name goes into shell commands and daemon files, so a stored value that is not a plain
-// interface name fails like a missing key. Returns the store's result (negative = failure).
+// Reads the interface name stored under section/"port" into buf (cap bytes). The name goes into
+// shell commands and daemon files, so a stored value that is not a plain interface name, or that
+// does not fit buf whole, fails like a missing key. Returns the store's result (negative =
+// failure).
 int store_get_ifname(const char *section, char *buf, int cap);
 
 // ---- compare ----
@@ -93,11 +124,13 @@ struct nochange_text {
 
 using record_reader = int32_t (*)(void *stored);
 // Allocates a zeroed record of size bytes into stored and fills it with reader. Logs the
-// failures under func.
+// failures under func; a stored record that the read refuses (the area's invalid-input code) is
+// returned as that code, already logged by the read.
 int32_t read_stored(const char *func, uint32_t module, size_t size, record_reader reader,
                     const nochange_text &text, unique_heap<void> &stored);
 // The same, then sets *changed to whether the stored record differs from record; *changed is
-// left alone on failure.
+// left alone on failure. A stored record the read refuses counts as changed, so that a set can
+// put a valid one in its place.
 int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
                         record_reader reader, const nochange_text &text, int32_t *changed);
 
@@ -166,10 +199,26 @@ struct dotted {
     explicit dotted(in_addr addr) { inet_ntop(AF_INET, &addr, text, sizeof text); }
 };
 
+// ---- apply ----
+// The apply operation an instance record holds: the area's check runs on the very record about to
+// be applied, so that no record reaches a command or a daemon file unchecked, whoever applies it
+// (a set, the start-up apply of the stored settings, a program calling the exported instance).
+template <lcl_op_fn Check, lcl_op_fn Apply>
+int32_t checked_apply(lcl_instance *inst, void *arg1, uintptr_t arg2) {
+    if (int32_t r = Check(inst, arg1, arg2); r < 0)
+        return r;
+    return Apply(inst, arg1, arg2);
+}
+
 // ---- the activate flag ----
 // The activate step of the areas whose changes wait for a reboot: clears the shared flag, if set,
 // for every process, and logs "function request reboot" under func. Always 0.
 int32_t request_reboot(const char *func, uint32_t *activate);
+
+// ---- files ----
+// Creates or truncates path with text, readable and writable by its owner alone (0600, also when
+// the file was there with other modes; a symbolic link is not followed). Returns 0 or 0xFD00FFFD.
+int32_t write_private_file(const char *path, const char *text);
 
 // ---- commands ----
 // Formats the command into a buffer of cap bytes (cut at that size) and runs it with system().

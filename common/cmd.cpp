@@ -61,6 +61,24 @@ bool has_control(const char *s) {
     return false;
 }
 
+bool text_ok(text_rule rule, const char *s) {
+    if (*s == '\0')
+        return true;
+    switch (rule) {
+    case text_rule::any:
+        return true;
+    case text_rule::no_control:
+        return !has_control(s);
+    case text_rule::host_name:
+        return host_name(s);
+    case text_rule::host_word:
+        return !has_control(s) && strpbrk(s, " #") == nullptr && s[0] != '-';
+    case text_rule::digits:
+        return strspn(s, "0123456789") == strlen(s);
+    }
+    return false;
+}
+
 bool url_encode(const char *s, char *out, size_t cap) {
     static const char hex[] = "0123456789ABCDEF";
     size_t n = 0;

@@ -17,6 +17,7 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #ifndef QMTNM_PRODUCT_HOSTNAME
@@ -28,12 +29,34 @@ namespace {
 constexpr int32_t kStoreFail = nm::err(QMTNM_MODULE_CORE, QMTNM_R_STORE); // 0xFD00FFFE
 constexpr int32_t kOpenFail = nm::err(QMTNM_MODULE_CORE, QMTNM_R_IO);     // 0xFD00FFFD
 constexpr mode_t kFileMode = 0644;
+constexpr int32_t kInvalid = nm::err(QMTNM_MODULE_CORE, QMTNM_R_INVALID); // 0xFD00FFF9
 constexpr const char *kHostsFile = "/var/conf/hosts";
+constexpr size_t kHostnameMax = sizeof(qmtnm_bonjour_cfg::hostname);
+
+bool address_or_empty(const char *text) {
+    in_addr addr;
+    return *text == '\0' || inet_pton(AF_INET, text, &addr) == 1;
+}
 
 constexpr uint32_t kHwIpAddr = 0x01000002;
 constexpr uint32_t kHwNetmask = 0x01000004;
 
 } // namespace
+
+namespace nm {
+
+int32_t write_private_file(const char *path, const char *text) {
+    unique_fd fd(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd.ok() || fchmod(fd.get(), 0600) != 0) {
+        NM_ERR("open %s fail, errno = %d\n", path, kOpenFail);
+        return kOpenFail;
+    }
+    ssize_t written = write(fd.get(), text, strlen(text));
+    (void)written;
+    return 0;
+}
+
+} // namespace nm
 
 extern "C" {
 
@@ -100,7 +123,7 @@ int32_t nm_get_inaddr(const char *ifname, int32_t which, void *out) {
 int32_t update_hosts_file(void) {
     char wan_ip[16] = {};
     char lan_ip[16] = {};
-    char hostname[64] = {};
+    char hostname[kHostnameMax + 2] = {}; // one more than the field, so a longer name shows
     if (nm::store_get_str("network_wan", "ipaddr", wan_ip, sizeof wan_ip) < 0) {
         NM_ERR("get wan port ip fail, errno = %d\n", kStoreFail);
         return kStoreFail;
@@ -112,6 +135,12 @@ int32_t update_hosts_file(void) {
     if (nm::store_get_str("network_bonjour", "hostname", hostname, sizeof hostname) < 0) {
         NM_ERR("get hostname fail, errno = %d\n", kStoreFail);
         return kStoreFail;
+    }
+    // Each stored value stands as one field of its line: anything else leaves the file as it was.
+    if (!address_or_empty(wan_ip) || !address_or_empty(lan_ip) || strlen(hostname) > kHostnameMax ||
+        !nm::text_ok(nm::text_rule::host_word, hostname)) {
+        NM_ERR("stored address or hostname refused, errno = %d\n", kInvalid);
+        return kInvalid;
     }
     nm::unique_file hosts(fopen(kHostsFile, "w"));
     if (!hosts) {

@@ -13,7 +13,8 @@ namespace nm {
 namespace {
 constexpr const char *kDomain = "network";
 constexpr int kAddrCap = 16;
-constexpr size_t kStrMax = 64; // the longest string field of any record
+constexpr size_t kStrMax = 64;    // the longest string field of any record
+constexpr size_t kIfNameMax = 63; // the longest plain name
 
 template <class T> T *at(void *record, uint16_t offset) {
     return reinterpret_cast<T *>(static_cast<char *>(record) + offset);
@@ -22,15 +23,32 @@ template <class T> const T *at(const void *record, uint16_t offset) {
     return reinterpret_cast<const T *>(static_cast<const char *>(record) + offset);
 }
 
-int read_field(const char *section, const store_field &f, void *record) {
+// A text field's stored value, refused (reason -7) when it is longer than the field or against
+// its rule; otherwise every stored byte goes into the field, unterminated when it fills it.
+int read_text(const char *section, const store_field &f, void *record, bool *refused) {
+    char text[kStrMax + 2] = {}; // one byte more than the longest field, so a longer text shows
+    int cap = f.cap < kStrMax ? f.cap + 2 : kStrMax + 2;
+    int r = f.type == field_type::str_K
+                ? qmt_conf_scanf(kDomain, "%k%K%l%s", section, f.key, cap, text)
+                : store_get_str(section, f.key, text, cap);
+    if (r < 0)
+        return r;
+    size_t len = strlen(text);
+    if (len > f.cap || !text_ok(f.rule, text)) {
+        *refused = true;
+        return -1;
+    }
+    memcpy(at<char>(record, f.offset), text, len < f.cap ? len + 1 : f.cap);
+    return r;
+}
+
+int read_field(const char *section, const store_field &f, void *record, bool *refused) {
     switch (f.type) {
     case field_type::i32:
         return store_get_int(section, f.key, at<int32_t>(record, f.offset));
     case field_type::str:
-        return store_get_str(section, f.key, at<char>(record, f.offset), f.cap);
     case field_type::str_K:
-        return qmt_conf_scanf(kDomain, "%k%K%l%s", section, f.key, static_cast<int>(f.cap),
-                              at<char>(record, f.offset));
+        return read_text(section, f, record, refused);
     case field_type::inaddr: {
         char text[kAddrCap] = {};
         int r = store_get_str(section, f.key, text, kAddrCap);
@@ -85,16 +103,27 @@ int store_put_str(const char *section, const char *key, const char *value) {
 }
 
 int store_get_ifname(const char *section, char *buf, int cap) {
-    int r = store_get_str(section, "port", buf, cap);
-    if (r >= 0 && !plain_name(buf))
+    char name[kIfNameMax + 2] = {};
+    int r = store_get_str(section, "port", name, sizeof name);
+    if (r < 0)
+        return r;
+    if (!plain_name(name) || strlen(name) >= static_cast<size_t>(cap))
         return -1;
+    memcpy(buf, name, strlen(name) + 1);
     return r;
 }
 
 int32_t store_read(const char *func, const store_map &map, void *record) {
     for (size_t i = 0; i < map.count; ++i) {
         const store_field &f = map.fields[map.read_order ? map.read_order[i] : i];
-        if (read_field(map.section, f, record) < 0) {
+        bool refused = false;
+        if (read_field(map.section, f, record, &refused) < 0) {
+            if (refused) {
+                int32_t code = err(map.module, QMTNM_R_INVALID);
+                log(LOG_GATE_ERR, func, "stored %s/%s refused, errno = %d\n", map.section, f.key,
+                    code);
+                return code;
+            }
             int32_t code = err(map.module, QMTNM_R_STORE);
             log(LOG_GATE_ERR, func, f.read_fail, code);
             return code;
@@ -131,6 +160,8 @@ int32_t read_stored(const char *func, uint32_t module, size_t size, record_reade
         return text.failure ? text.failure : code;
     }
     int32_t r = reader(stored.get());
+    if (r == err(module, QMTNM_R_INVALID))
+        return r;
     if (r < 0) {
         log(LOG_GATE_ERR, func, text.read_fail, r);
         return text.failure ? text.failure : r;
@@ -141,10 +172,24 @@ int32_t read_stored(const char *func, uint32_t module, size_t size, record_reade
 int32_t config_nochange(const char *func, uint32_t module, const void *record, size_t size,
                         record_reader reader, const nochange_text &text, int32_t *changed) {
     unique_heap<void> stored;
-    if (int32_t r = read_stored(func, module, size, reader, text, stored); r < 0)
+    int32_t r = read_stored(func, module, size, reader, text, stored);
+    if (r == err(module, QMTNM_R_INVALID)) {
+        *changed = 1;
+        return 0;
+    }
+    if (r < 0)
         return r;
     *changed = memcmp(record, stored.get(), size) != 0 ? 1 : 0;
     return 0;
+}
+
+text_fault field_fault(const store_field &f, const void *record) {
+    const char *field = at<char>(record, f.offset);
+    char text[kStrMax + 1] = {};
+    memcpy(text, field, strnlen(field, f.cap < kStrMax ? f.cap : kStrMax));
+    if (strlen(text) < f.min_len)
+        return text_fault::length;
+    return text_ok(f.rule, text) ? text_fault::none : text_fault::content;
 }
 
 } // namespace nm

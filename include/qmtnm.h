@@ -298,6 +298,19 @@ QMTNM_API int32_t qmtnm_lcl_set(uint32_t id, void *arg1, uintptr_t arg2);
 QMTNM_API int32_t qmtnm_lcl_get(uint32_t id, void *arg1, uintptr_t arg2);
 QMTNM_API lcl_instance *get_lcl_instance(uint32_t id);
 
+/* Applies the stored settings of one area (its instance id), or of every area in the start-up
+ * order with QMTNM_APPLY_ALL, as the device does when it starts: under the area's set lock its
+ * stored record is read, checked as a set's record is, and applied. Nothing is stored and the
+ * activate flag is left alone. A stored record that the check or the store read refuses is not
+ * applied (the area keeps its state) and is logged with the area's invalid-input code. Returns 0
+ * (also for an area that has nothing to apply from the store) or the area's code; with
+ * QMTNM_APPLY_ALL every area runs and the first failure's code is returned. */
+#define QMTNM_APPLY_ALL 0xFFFFFFFFu
+QMTNM_API int32_t qmtnm_lcl_apply_stored(uint32_t id);
+/* The instance ids of the start-up apply in their order: at most cap of them into ids (which may
+ * be null); returns how many there are. */
+QMTNM_API uint32_t qmtnm_lcl_boot_order(uint32_t *ids, uint32_t cap);
+
 /* 0: errors only; 1 (default): also information; 2: also traces. */
 QMTNM_API extern int32_t nm_log_level;
 
@@ -326,7 +339,9 @@ QMTNM_API int32_t write_conf_file(const char *path, uint32_t mode, const char *t
 /* which 0: address, 2: netmask (32-bit word); 4: hardware address (16-byte sockaddr).
  * Returns 0 or -errno. */
 QMTNM_API int32_t nm_get_inaddr(const char *ifname, int32_t which, void *out);
-/* Rewrites /var/conf/hosts from the stored addresses and host name. */
+/* Rewrites /var/conf/hosts from the stored addresses and host name. A stored address that is no
+ * dotted quad, or a host name that is not one plain field (a blank, '#', control character or
+ * leading '-', or longer than 64), leaves the file as it was: 0xFD00FFF9. */
 QMTNM_API int32_t update_hosts_file(void);
 /* which 0: saved IP address, 1: saved netmask, into the hardware store. */
 QMTNM_API void save_hw_conf(int32_t which, struct in_addr addr);

@@ -3,7 +3,7 @@
 set -euo pipefail
 lib=$1
 documented="
-qmtnm_lcl_set qmtnm_lcl_get get_lcl_instance nm_log_level
+qmtnm_lcl_set qmtnm_lcl_get get_lcl_instance nm_log_level qmtnm_lcl_apply_stored qmtnm_lcl_boot_order
 br_lcl ethtype_lcl ethmac_lcl wan_lcl lan_lcl ddns_lcl pppoe_lcl upnp_lcl bonjour_lcl
 ipfilter_lcl qos_lcl wanflash_lcl doscan_lcl scanresult_lcl sta_lcl ap_lcl stapin_lcl appin_lcl
 write_conf_file nm_get_inaddr update_hosts_file save_hw_conf
@@ -13,7 +13,8 @@ ch_hex qmt_hconf_header qmt_hconf_entry qmt_hconf_header_dump qmt_hconf_entry_du
 qmt_hconf_read_header qmt_hconf_write_header qmt_hconf_read_entry qmt_hconf_write_entry
 qmt_hconf_del_entry qmt_hconf_save qmt_hconf_update qmt_hconf_sync qmt_hconf_clear
 "
-required="qmtnm_lcl_set qmtnm_lcl_get get_lcl_instance nm_log_level qos_lcl wan_lcl appin_lcl
+required="qmtnm_lcl_set qmtnm_lcl_get get_lcl_instance nm_log_level qmtnm_lcl_apply_stored
+qmtnm_lcl_boot_order qos_lcl wan_lcl appin_lcl
 wpa_ctrl_open wpa_ctrl_close wpa_ctrl_request wpa_ctrl_attach wpa_ctrl_detach wpa_ctrl_recv
 wpa_ctrl_pending wpa_ctrl_pending_timeout wpa_ctrl_get_fd"
 exported=$(nm -D --defined-only "$lib" | awk '{print $3}' | sed 's/@.*//' | sort -u)

@@ -227,8 +227,10 @@ TEST_F(Services, BonjourQuotesTheHostNameAndStartsTheResponder) {
     qmtnm_bonjour_cfg full = bonjour(1, std::string(64, 'h'));
     ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_BONJOUR, &full, 0), 0);
     EXPECT_EQ(nmtest::commands()[2], "hostname '" + std::string(64, 'h') + "'");
-    EXPECT_EQ(stored_str("network_bonjour", "hostname"), std::string(63, 'h'))
-        << "the store reads 63 characters into a 64-byte buffer";
+    EXPECT_EQ(stored_str("network_bonjour", "hostname"), std::string(64, 'h'));
+    qmtnm_bonjour_cfg back = {};
+    ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_BONJOUR, &back, 0), 0);
+    EXPECT_EQ(memcmp(&back, &full, sizeof full), 0) << "read back whole, unterminated";
 
     // Off: the responder is stopped, nothing else; the stored name stays.
     nmtest::clear_commands();

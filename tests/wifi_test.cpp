@@ -208,12 +208,11 @@ TEST_F(Wifi, StationSetRunsTheWpaCliLinesAndStoresTheSettingsOrOnlyTheSwitch) {
          0,
          "a'b\"c\\d`e`",
          {cli("set_network 0 psk '\"a'\\''b\"c\\d`e`\"'")}},
-        // Full fields of quotes, each one four characters in the command; the store reads at
-        // most 63 characters back.
+        // Full fields of quotes, each one four characters in the command, stored whole.
         {sta(2, std::string(32, '\''), std::string(64, '\'')),
          repeat("'\\''", 32),
          0,
-         std::string(63, '\''),
+         std::string(64, '\''),
          {cli("set_network 0 psk '\"" + repeat("'\\''", 64) + "\"'")}},
     };
     for (const auto &r : rows) {
@@ -628,10 +627,6 @@ TEST_F(Wifi, SoftApApplyWritesHostapdConfAndMakesHostapdRereadIt) {
          "bridge=br0\nssid=" + std::string(32, 'z') +
              "\nchannel=6\nhw_mode=g\nauth_algs=1\nwpa=3\n"
              "wpa_passphrase=12345678\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP\n"},
-        // Values outside the tables write no line of their own (applied as stored, unchecked).
-        {"unknown mode and cipher", bad_mode, "br0",
-         "bridge=br0\nssid=x\nchannel=6\nauth_algs=1\nwpa=1\nwpa_passphrase=12345678\n"
-         "wpa_key_mgmt=WPA-PSK\n"},
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
@@ -642,8 +637,15 @@ TEST_F(Wifi, SoftApApplyWritesHostapdConfAndMakesHostapdRereadIt) {
         EXPECT_EQ(file_text("/var/nm/hostapd.conf"), kApHead + r.body);
         EXPECT_EQ(nmtest::commands(), strings{"killall -1 hostapd > /dev/null 2>&1"});
     }
+    // The instance's apply checks the record first, whoever calls it: a mode and cipher outside
+    // the tables are refused before anything is written or run.
     nmtest::clear_commands();
+    unlink("/var/nm/hostapd.conf");
+    EXPECT_EQ(ap_lcl.set(&ap_lcl, &bad_mode, 0), static_cast<int32_t>(0xFDEFFFF9));
+    EXPECT_TRUE(nmtest::commands().empty());
+    EXPECT_EQ(access("/var/nm/hostapd.conf", F_OK), -1);
     nm_softap off = {};
+    logs().clear();
     ASSERT_EQ(ap_lcl.set(&ap_lcl, &off, 0), 0);
     EXPECT_EQ(nmtest::commands(), strings{"killall hostapd > /dev/null 2>&1"});
 

@@ -151,19 +151,6 @@ const area all_areas[] = {
          std::size(ipfilter_fields), QMTNM_ID_IPFILTER, true, false, ipfilter_word},
 };
 
-// The boot apply's order: marking first, so that every packet the device sends afterwards
-// carries it; then the WAN port (address and default route) and the LAN (bridge address and
-// DHCP server); the IP filter before anything more listens on the LAN; PPPoE once br0, where its
-// plugin runs, has its address; DDNS, because its first update goes out at once and needs the
-// way upstream; UPnP and Bonjour, which announce the device (Bonjour's hosts file lists the WAN
-// and LAN addresses); the soft AP after them, so that its hostapd.conf (bridged to br0 when the
-// LAN is) is written before the start-up script starts hostapd; the station last, whose stored
-// network goes back into the supplicant (started empty) as network 0. The bridge and Ethernet
-// type have no apply of their own (their stored values are read by the areas that use them),
-// and the MAC address is not stored.
-const char *const boot_order[] = {"qos",  "wan",  "lan",     "ipfilter", "pppoe",
-                                  "ddns", "upnp", "bonjour", "ap",       "sta"};
-
 // Short names of every instance, by id, for decoding error codes.
 const char *const instance_names[QMTNM_ID_COUNT] = {
     "br",         "ethtype", "ethmac",   "wan",    "lan",   "ddns",     "pppoe",
@@ -185,11 +172,6 @@ const area *find_area(const char *name) {
         if (!strcmp(name, a.name) || !strcmp(name, a.instance))
             return &a;
     return nullptr;
-}
-
-const char *const *boot_areas(size_t *count) {
-    *count = std::size(boot_order);
-    return boot_order;
 }
 
 const char *area_name_by_id(uint32_t id) {

@@ -47,8 +47,4 @@ const area *areas_end();
 // Short name of the area whose instance id is id, or null.
 const char *area_name_by_id(uint32_t id);
 
-// The areas whose stored settings `qmtnm boot` applies, in that order (short names); *count
-// receives their number.
-const char *const *boot_areas(size_t *count);
-
 } // namespace cli

@@ -361,41 +361,24 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     return cmd_get(stored ? *stored : a, opt);
 }
 
-// Applies one area's stored settings through its instance's apply operation, under its set lock:
-// nothing is compared or stored again and the activate flag is left as it is.
-int32_t boot_apply(const area &a) {
-    record_ptr rec = new_record(a);
-    int32_t r = get_record(a.stored_id, a, rec.get());
-    if (r < 0)
-        return r;
-    lcl_instance *inst = get_lcl_instance(a.id);
-    if (inst == nullptr || inst->set == nullptr)
-        return 0;
-    timespec deadline{};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += (inst->set_timeout_ms ? inst->set_timeout_ms : 2000) / 1000 + 1;
-    if (sem_timedwait(inst->set_sem, &deadline) != 0)
-        return QMTNM_ERR(QMTNM_MODULE_CORE, QMTNM_R_BUSY);
-    r = inst->set(inst, rec.get(), 0);
-    sem_post(inst->set_sem);
-    return r;
-}
-
-// One area's failure is reported and the others still run.
+// The library applies each area's stored settings, checked, in the start-up order; one area's
+// failure is reported and the others still run.
 int cmd_boot(const options &opt) {
     if (!may_change_machine(opt))
         return 1;
-    size_t count = 0;
-    const char *const *names = cli::boot_areas(&count);
+    uint32_t ids[QMTNM_ID_COUNT];
+    uint32_t count = qmtnm_lcl_boot_order(ids, QMTNM_ID_COUNT);
     int status = 0;
-    for (size_t i = 0; i < count; ++i) {
-        const area *a = cli::find_area(names[i]);
-        int32_t r = a ? boot_apply(*a) : QMTNM_ERR(QMTNM_MODULE_CORE, QMTNM_R_NOMEM);
+    for (uint32_t i = 0; i < count && i < QMTNM_ID_COUNT; ++i) {
+        const char *name = cli::area_name_by_id(ids[i]);
+        int32_t r = qmtnm_lcl_apply_stored(ids[i]);
         if (r < 0) {
-            report(names[i], r);
+            report(name, r);
+            if (QMTNM_ERR_REASON(r) == QMTNM_R_INVALID)
+                fprintf(stderr, "%s: stored settings refused, not applied\n", name);
             status = 1;
         } else {
-            printf("%s: applied\n", names[i]);
+            printf("%s: applied\n", name);
         }
     }
     return status;

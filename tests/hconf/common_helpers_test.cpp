@@ -170,9 +170,9 @@ TEST(UpdateHosts, WritesTheFiveLinesOverAnEarlierFile) {
     } const rows[] = {
         {"192.168.0.100", "192.168.1.1", "qmtnm", "192.168.0.100", "192.168.1.1", "qmtnm"},
         {"192.168.0.100", "192.168.1.1", "", "192.168.0.100", "192.168.1.1", ""},
-        // Values are cut to their buffers: 16 and 64 bytes with the terminator.
-        {"255.255.255.255", "1234567890123456789", std::string(80, 'h'), "255.255.255.255",
-         "123456789012345", std::string(63, 'h')},
+        // A name of 64 characters fills the Bonjour record's field and is written whole.
+        {"255.255.255.255", "10.0.0.1", std::string(64, 'h'), "255.255.255.255", "10.0.0.1",
+         std::string(64, 'h')},
     };
     LogLevel level(2);
     for (const auto &r : rows) {
@@ -193,6 +193,29 @@ TEST(UpdateHosts, WritesTheFiveLinesOverAnEarlierFile) {
     logs().clear();
     EXPECT_EQ(update_hosts_file(), 0);
     EXPECT_TRUE(logs().texts().empty());
+
+    // A stored value that would not stay one field of its line leaves the file as it was.
+    const struct {
+        std::string wan, lan, host;
+    } refused[] = {
+        {"192.168.0.100", "192.168.1.1", "cam\n10.6.6.6\tevil"},
+        {"192.168.0.100", "192.168.1.1", "cam evil"},
+        {"192.168.0.100", "192.168.1.1", "-cam"},
+        {"192.168.0.100", "192.168.1.1", std::string(65, 'h')},
+        {"1.1.1.1\t#", "192.168.1.1", "cam"},
+        {"192.168.0.100", "1.2.3.4 x", "cam"},
+    };
+    for (const auto &r : refused) {
+        SCOPED_TRACE(r.host + "/" + r.wan + "/" + r.lan);
+        store(r.wan, r.lan, r.host);
+        hconftest::write_file(kHosts, "earlier");
+        logs().clear();
+        EXPECT_EQ(update_hosts_file(), static_cast<int32_t>(0xFD00FFF9));
+        EXPECT_EQ(hconftest::read_file(kHosts), "earlier");
+        EXPECT_EQ(logs().texts(),
+                  strings{logged("update_hosts_file", "stored address or hostname refused, errno = "
+                                                      "-50266119")});
+    }
 }
 
 TEST(UpdateHosts, StoreAndFileFailuresAreLoggedAndReturned) {

@@ -144,7 +144,7 @@ void load_defaults() {
 }
 
 std::string stored_str(const char *section, const char *key) {
-    char buf[64] = {};
+    char buf[128] = {};
     if (qmt_conf_scanf("network", "%k%k%l%s", section, key, static_cast<int>(sizeof buf), buf) < 0)
         return "<missing>";
     return buf;
