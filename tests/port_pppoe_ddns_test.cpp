@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -285,12 +287,18 @@ TEST_F(Port, PppoeApplyWritesOptionsAndSecretsThenStartsPppd) {
     for (const auto &r : rows) {
         SCOPED_TRACE(r.what);
         nmtest::clear_commands();
+        // The secrets files are the owner's alone, also when they were there with other modes.
+        chmod("/etc/ppp/pap-secrets", 0644);
         qmtnm_pppoe_cfg c = pppoe(1, r.user, r.pass);
         ASSERT_EQ(check_ok(c), 0);
         ASSERT_EQ(apply(pppoe_lcl, &c), 0);
         EXPECT_EQ(file_text("/etc/ppp/options"), options_file(r.name_line));
-        EXPECT_EQ(file_text("/etc/ppp/pap-secrets"), r.secret);
-        EXPECT_EQ(file_text("/etc/ppp/chap-secrets"), r.secret);
+        for (const char *secrets : {"/etc/ppp/pap-secrets", "/etc/ppp/chap-secrets"}) {
+            struct stat st = {};
+            EXPECT_EQ(stat(secrets, &st), 0);
+            EXPECT_EQ(st.st_mode & 07777, 0600u) << secrets;
+            EXPECT_EQ(file_text(secrets), r.secret);
+        }
         EXPECT_EQ(nmtest::commands(), (strings{"killall pppd &>/dev/null", "pppd &"}));
     }
     // Off only stops pppd; its files stay.

@@ -393,10 +393,9 @@ def arrival_problems(field, kind, text, a, b):
                "password": urllib.parse.unquote(m[3], errors="surrogateescape"), "domain": m[5]}
         same(field.name, got[field.name], text)
     elif area == "pppoe":
-        # The start-up applies the stored account: the store keeps 31 of a full field's 32.
-        stored = text[:31] if kind == FULL else text
-        user = stored if field.name == "username" else "user"
-        password = stored if field.name == "password" else "pass"
+        # The start-up applies the stored account, a full field whole.
+        user = text if field.name == "username" else "user"
+        password = text if field.name == "password" else "pass"
         opts, b_opts = (a["/etc/ppp/options"] or "").split("\n"), b["/etc/ppp/options"].split("\n")
         same("options after the name", opts[1:], b_opts[1:])
         same("name line", pppd_words(opts[0]), ["name", user])
@@ -418,9 +417,9 @@ def arrival_problems(field, kind, text, a, b):
             same(f"{which}: other lines", hosts[:3] + hosts[4:], b_hosts[:3] + b_hosts[4:])
             same(f"{which}: fields of the name's line", len(hosts[3].split()) if hosts[3:] else 0,
                  2)
-        # The hosts file is written from the store, which keeps 63 of a full field's 64.
+        # The hosts file is written from the store, a full field whole.
         same("hosts line", a["hosts from the store"].split("\n")[3],
-             f"{b_hosts[3].split()[0]}\t{text[:63]}")
+             f"{b_hosts[3].split()[0]}\t{text}")
     elif area == "ipfilter":
         old = f"{IPF_BEGIN}-{IPF_END}"
         new = f"{text}-{IPF_END}" if field.name == "begin_ip" else f"{IPF_BEGIN}-{text}"
