@@ -5,7 +5,8 @@
 //   qmtnm [-v] [--host] set ethmac XX:XX:XX:XX:XX:XX
 //   qmtnm [-v] [--host] set sta wps=pbc | wps=pin [pin=NNNNNNNN]   join by WPS
 //   qmtnm [-v] [--host] set ipfilter [enable=1] [mode=white|black] rule=BEGIN-END ...
-//   qmtnm [-v] [--host] boot   apply the stored settings of every area once, as at start-up
+//   qmtnm [-v] [--host] boot [AREA]   apply the stored settings of every area (or one) once,
+//                                      checked, as at start-up
 //   qmtnm [--json] [--host] scan      scan on wlan0 and list the networks found
 //   qmtnm [--json] [--host] pin sta|ap   make, store and print a new WPS PIN
 //   qmtnm areas
@@ -17,6 +18,7 @@
 
 #include "qmtnm.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
@@ -50,7 +52,7 @@ int usage() {
           "       qmtnm [options] set sta wps=pbc | wps=pin [pin=NNNNNNNN]\n"
           "       qmtnm [options] scan\n"
           "       qmtnm [options] pin sta|ap\n"
-          "       qmtnm [options] boot\n"
+          "       qmtnm [options] boot [AREA]\n"
           "       qmtnm areas\n"
           "       qmtnm iface IFNAME\n"
           "       qmtnm [--host] hosts\n"
@@ -65,7 +67,8 @@ int usage() {
           "  --secrets       show passwords instead of masking them\n"
           "AREA is a short name (qos) or an instance name (qos_lcl). 'set' starts from the\n"
           "stored settings and changes the fields given. 'boot' applies the stored settings of\n"
-          "every area once, as the device does when it starts.\n"
+          "every area (or of AREA) once, as the device does when it starts; stored settings\n"
+          "that a set would refuse are not applied.\n"
           "'set sta wps=pbc' joins a network by WPS push button, 'wps=pin' by the PIN given with\n"
           "pin= (or the stored one), waiting up to two minutes. 'scan' lists the networks wlan0\n"
           "finds; 'pin' makes a new WPS PIN for the station or the soft AP and stores it.\n"
@@ -256,12 +259,13 @@ bool parse_value(void *record, const field &f, const char *text) {
         break;
     case ftype::str:
     case ftype::secret:
-        if (strlen(text) < f.size) {
+        // A text of the field's size fills it, unterminated, as the library takes it.
+        if (strlen(text) <= f.size) {
             memset(member<char>(record, f), 0, f.size);
             memcpy(member<char>(record, f), text, strlen(text));
             return true;
         }
-        fprintf(stderr, "qmtnm: %s: at most %u characters\n", f.name, f.size - 1u);
+        fprintf(stderr, "qmtnm: %s: at most %u characters\n", f.name, f.size);
         return false;
     }
     fprintf(stderr, "qmtnm: %s: '%s' is not a valid value\n", f.name, text);
@@ -361,13 +365,22 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     return cmd_get(stored ? *stored : a, opt);
 }
 
-// The library applies each area's stored settings, checked, in the start-up order; one area's
-// failure is reported and the others still run.
-int cmd_boot(const options &opt) {
+// The library applies each area's stored settings, checked, in the start-up order (or one area's
+// alone); one area's failure is reported and the others still run.
+int cmd_boot(const area *only, const options &opt) {
     if (!may_change_machine(opt))
         return 1;
     uint32_t ids[QMTNM_ID_COUNT];
     uint32_t count = qmtnm_lcl_boot_order(ids, QMTNM_ID_COUNT);
+    if (only != nullptr) {
+        uint32_t *end = ids + std::min<uint32_t>(count, QMTNM_ID_COUNT);
+        if (std::find(ids, end, only->id) == end) {
+            printf("%s: nothing is applied from the store\n", only->name);
+            return 0;
+        }
+        ids[0] = only->id;
+        count = 1;
+    }
     int status = 0;
     for (uint32_t i = 0; i < count && i < QMTNM_ID_COUNT; ++i) {
         const char *name = cli::area_name_by_id(ids[i]);
@@ -611,10 +624,15 @@ int main(int argc, char **argv) {
             return cmd_unlock(argv[i], argc - i == 2 ? argv[i + 1] : "set");
         return usage();
     }
-    if (!strcmp(cmd, "boot") && i == argc) {
+    if (!strcmp(cmd, "boot") && i + 1 >= argc) {
+        const area *a = i < argc ? cli::find_area(argv[i]) : nullptr;
+        if (i < argc && a == nullptr) {
+            fprintf(stderr, "qmtnm: unknown area '%s' (see 'qmtnm areas')\n", argv[i]);
+            return 2;
+        }
         if (opt.verbose)
             openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
-        return cmd_boot(opt);
+        return cmd_boot(a, opt);
     }
     if (!strcmp(cmd, "iface") && i + 1 == argc)
         return cmd_iface(argv[i]);

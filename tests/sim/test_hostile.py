@@ -263,6 +263,46 @@ def device_case(case, env, raw_set):
     return {"rc": rc, "out": out, "err": err, "before": before, "after": after}
 
 
+SECTION = {"sta": "network_sta", "ap": "network_softap", "ddns": "network_ddns",
+           "pppoe": "network_pppoe", "upnp": "network_upnp", "bonjour": "network_bonjour",
+           "ipfilter": "network_ipfilter"}
+
+
+def store_path(field):
+    key = {"begin_ip": "rules/#0/begin_ip", "end_ip": "rules/#0/end_ip"}.get(field.name, field.name)
+    return f"network/{SECTION[field.area]}/{key}"
+
+
+def settings_line(path, text):
+    """One line of a settings file as `sysconf dump` writes it and `sysconf load` reads it."""
+    esc = {'"': '\\"', "\\": "\\\\", "\n": "\\n", "\t": "\\t"}
+    return f'{path} = "{"".join(esc.get(c, c) for c in text)}"\n'
+
+
+def device_stored_case(case, env, n):
+    """The payload written straight into the store (by `sysconf set`, or every other case by
+    loading a restored settings file), then the area's stored settings applied as at start-up."""
+    area = case["area"]
+    run(["qmtnm", "set", area] + case["benign"], env)
+    run(["qmtnm", "boot", area], env)
+    before = device_state(area, env)
+    if n % 2:
+        run(["sysconf", "set", "-s", case["path"], case["text"]], env)
+    else:
+        with tempfile.NamedTemporaryFile("w", suffix=".conf", delete=False) as f:
+            f.write(settings_line(case["path"], case["text"]))
+        run(["sysconf", "load", f.name], env)
+        os.unlink(f.name)
+    rc, out, err = run(["qmtnm", "boot", area], env)
+    after = device_state(area, env)
+    if area == "sta" and rc == 0:
+        run(WPA_CLI + ["reconfigure"], env)
+        run(WPA_CLI + ["save_config"], env)
+        with open("/var/nm/wpa_supplicant.conf", "rb") as f:
+            after["reloaded"] = f.read().decode("utf-8", "surrogateescape")
+    return {"rc": rc, "out": out, "err": err, "before": before, "after": after}
+
+
 def device_main():
     job = json.load(sys.stdin)
     env = dict(os.environ)
@@ -279,7 +319,10 @@ def device_main():
         run(["qmtnm", "set", job["area"]] + job["context"], env)
     set_flag(1)
     run(["qmtnm", "boot"], env)  # everything applied from the benign settings
-    results = [device_case(c, env, job["raw_set"]) for c in job["cases"]]
+    if job.get("stored"):
+        results = [device_stored_case(c, env, n) for n, c in enumerate(job["cases"])]
+    else:
+        results = [device_case(c, env, job["raw_set"]) for c in job["cases"]]
     time.sleep(1)  # for anything a payload might have sent to the background
     json.dump({"tmp_before": tmp_before, "tmp_after": sorted(os.listdir("/tmp")),
                "results": results}, sys.stdout)
@@ -442,6 +485,18 @@ def outcome(field, res):
     return f"exit {res['rc']}: {res['err']!r}"
 
 
+def assert_no_new_tmp(test, report, benign):
+    """Nothing new in /tmp but the DDNS update's answer (the benign script's -O file)."""
+    allowed = set()
+    for state in benign.values():
+        script = state.get("/etc/cron/ddns.conf")
+        m = URL.match(script.split("\n")[1]) if script and script.count("\n") == 2 else None
+        if m:
+            allowed.add(os.path.basename(m[1]))
+    new = set(report["tmp_after"]) - set(report["tmp_before"]) - allowed
+    test.assertEqual(sorted(new), [], "a payload ran a command: new files in /tmp")
+
+
 class HostileInput(SimTestCase):
     tally = {}  # field label: payloads accepted / refused
 
@@ -493,15 +548,7 @@ class HostileInput(SimTestCase):
                 self.assertIsNotNone(b, "no benign set to compare with")
                 self.assertEqual(arrival_problems(f, kind, text, res["after"], b), [])
                 marks.append("A")
-        # Nothing new in /tmp but the DDNS update's answer (the script's -O file).
-        allowed = set()
-        for f in fields:
-            script = (benign.get(f.label) or {}).get("/etc/cron/ddns.conf")
-            m = URL.match(script.split("\n")[1]) if script and script.count("\n") == 2 else None
-            if m:
-                allowed.add(os.path.basename(m[1]))
-        new = set(report["tmp_after"]) - set(report["tmp_before"]) - allowed
-        self.assertEqual(sorted(new), [], "a payload ran a command: new files in /tmp")
+        assert_no_new_tmp(self, report, benign)
         return meta, report["results"]
 
     def fields(self, area):
@@ -556,6 +603,65 @@ class HostileInput(SimTestCase):
 
     def test_ip_filter(self):
         self.drive(self.fields("ipfilter"))
+
+
+class StoredHostileInput(SimTestCase):
+    """The same payloads written straight into the store, as a restored backup or a hand-edited
+    store holds them, then applied by the start-up apply: refused with the area's invalid-input
+    code and the area left as it was, or arrived intact as through a set. The PINs are left out:
+    the station's is never applied from the store, and the soft AP's is not used by its apply."""
+
+    def drive(self, area):
+        fields = [f for f in FIELDS if f.area == area and f.name != "wps_pin"]
+        cases, meta = [], []
+        for f in fields:
+            for kind, text in cases_of(f):
+                cases.append({"area": area, "path": store_path(f), "text": text,
+                              "benign": f.words(f.benign)})
+                meta.append((f, kind, text))
+        job = {"area": area, "context": fields[0].context, "stored": True, "cases": cases}
+        r = self.dev.run("python3", os.path.realpath(__file__), "--device",
+                         input=json.dumps(job), timeout=240)
+        report = json.loads(r.stdout)
+        benign = {f.label: res["after"] for (f, kind, _), res in zip(meta, report["results"])
+                  if kind == "benign"}
+        code = f"0x{0xFD000000 | MODULE[area] << 16 | 0xFFF9:08X}"
+        for (f, kind, text), res in zip(meta, report["results"]):
+            with self.subTest(field=f.label, payload=kind, text=text):
+                if res["rc"] == 0:
+                    self.assertEqual(arrival_problems(f, kind, text, res["after"],
+                                                      benign[f.label]), [])
+                    continue
+                self.assertNotEqual(kind, "benign")
+                self.assertEqual(res["err"], f"{area}: invalid input ({code})\n"
+                                             f"{area}: stored settings refused, not applied\n")
+                # What the store holds changed; nothing that was applied did.
+                store = ("stored", "hosts from the store")
+                before = {k: v for k, v in res["before"].items() if k not in store}
+                after = {k: v for k, v in res["after"].items() if k not in store}
+                self.assertEqual(after, before, "a refused stored record changed something")
+        assert_no_new_tmp(self, report, benign)
+
+    def test_station(self):
+        self.drive("sta")
+
+    def test_soft_ap(self):
+        self.drive("ap")
+
+    def test_ddns(self):
+        self.drive("ddns")
+
+    def test_pppoe(self):
+        self.drive("pppoe")
+
+    def test_upnp(self):
+        self.drive("upnp")
+
+    def test_bonjour(self):
+        self.drive("bonjour")
+
+    def test_ip_filter(self):
+        self.drive("ipfilter")
 
 
 if __name__ == "__main__":

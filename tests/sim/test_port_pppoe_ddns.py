@@ -171,6 +171,68 @@ class BootApply(PortCase):
                                                  "ddns: applied", "upnp: applied",
                                                  "bonjour: applied", "sta: applied"])
         self.assertIn("-A qos_mangle_chain -j DSCP --set-dscp 0x0a", dev.mangle())
+        dev.run("sysconf", "set", "-s", "network/network_lan/port", "br0")
+
+    def test_3_full_text_fields_are_applied_whole_after_a_reboot(self):
+        dev = self.dev
+        ssid, domain, host = "s" * 32, "d" * 24 + ".example", "h" * 64
+        self.qmtnm("set", "sta", "enable=1", f"ssid={ssid}", "auth=0")
+        self.qmtnm("set", "ddns", "enable=1", f"domain={domain}", "username=u", "password=p")
+        self.qmtnm("set", "bonjour", "enable=1", f"hostname={host}")
+
+        dev.reboot()
+
+        self.assertIn("sta: applied", self.boot_log().splitlines())
+        got = dev.out("wpa_cli", "-p/var/run/wpa_supplicant", "-iwlan0", "get_network", "0",
+                      "ssid").strip()
+        self.assertEqual(got, f'"{ssid}"')
+        self.assertIn(f"hostname={domain}&", dev.out("cat", "/etc/cron/ddns.conf"))
+        poll("the boot's update at the provider", lambda: [
+            r for r in self.provider_requests() if r["query"].get("hostname") == [domain]])
+        self.assertEqual(dev.out("hostname").strip(), host)
+        self.assertIn(f"\t{host}\n", dev.out("cat", "/var/conf/hosts"))
+
+    def test_4_a_restored_backup_with_hostile_values_is_refused_at_power_on(self):
+        """The stored values of the classic restored-backup attack: each would run a command or
+        add a line to a daemon's file if applied unchecked."""
+        dev = self.dev
+        self.qmtnm("set", "qos", "enable=1", "dscp=12")
+        backup = "".join(f'{path} = {value}\n' for path, value in [
+            ("network/network_ipfilter/common/enable", "1"),
+            ("network/network_ipfilter/common/index", "1"),
+            ("network/network_ipfilter/rules/#0/begin_ip", '"1;touch /tmp/p;"'),
+            ("network/network_ipfilter/rules/#0/end_ip", '"1.1.1.9"'),
+            ("network/network_ddns/enable", "1"),
+            ("network/network_ddns/domain", '"x;touch /tmp/q;"'),
+            ("network/network_sta/enable", "1"),
+            ("network/network_sta/auth", "1"),
+            ("network/network_sta/index", "1"),
+            ("network/network_sta/password", '"$(touch /tmp/r)"'),
+            ("network/network_softap/auth", "3"),
+            ("network/network_softap/password", '"12345678\\nwpa=0"'),
+            ("network/network_upnp/friendlyName", '"cam\\nsecure_mode=no"'),
+            ("network/network_bonjour/hostname", '"cam\\n10.6.6.6\\tevil"'),
+        ])
+        dev.run("sh", "-c", "cat >/tmp/backup.conf && sysconf load /tmp/backup.conf",
+                input=backup)
+
+        dev.reboot()
+
+        lines = self.boot_log().splitlines()
+        for area in ("ipfilter", "ddns", "upnp", "bonjour", "ap", "sta"):
+            self.assertIn(f"{area}: stored settings refused, not applied", lines)
+        for area in ("qos", "wan", "lan", "pppoe"):
+            self.assertIn(f"{area}: applied", lines)
+        self.assertIn("-A qos_mangle_chain -j DSCP --set-dscp 0x0c", dev.mangle())
+        self.assertEqual(dev.out("ls", "/tmp").split(), [])
+        self.assertNotIn("ipf_chain", dev.out("iptables", "-S"))
+        self.assertEqual(self.processes("crond"), [])
+        self.assertNotIn("secure_mode", dev.run("cat", "/var/nm/miniupnpd.conf", check=False).stdout)
+        self.assertNotIn("wpa=0", dev.run("cat", "/var/nm/hostapd.conf", check=False).stdout)
+        self.assertNotIn("evil", dev.run("cat", "/var/conf/hosts", check=False).stdout)
+        dev.wait_log(log_line("qmtnm_lcl_apply_stored",
+                              "stored ipfilter_lcl settings refused, not applied, errno = "
+                              "-34144263"))
 
 
 if __name__ == "__main__":
