@@ -4,7 +4,6 @@
 
 #include "common/area.h"
 #include "common/nm_log.h"
-#include "common/raii.h"
 #include "core/lcl_core.h"
 
 #include <cerrno>
@@ -94,59 +93,12 @@ int32_t set_locked(lcl_instance *inst, void *arg1, uintptr_t arg2) {
     return apply_or_persist(inst, arg1, arg2);
 }
 
-// The start-up apply: each area whose stored settings make up part of the running system, in the
-// order they are applied, with the instance whose get reads them and the record's size. Marking
-// first, so that every packet the device sends afterwards carries it; then the WAN port (address
-// and default route) and the LAN (bridge address and DHCP server); the IP filter before anything
-// more listens on the LAN; PPPoE once br0, where its plugin runs, has its address; DDNS, because
-// its first update goes out at once and needs the way upstream; UPnP and Bonjour, which announce
-// the device (Bonjour's hosts file lists the WAN and LAN addresses); the soft AP after them, so
-// that its hostapd.conf is written before the start-up script starts hostapd; the station last,
-// whose stored network goes back into the supplicant (started empty) as network 0. The bridge and
-// Ethernet type have no apply of their own (the areas that use them read them), and the MAC
-// address is not stored.
-struct stored_apply {
-    uint32_t id;
-    uint32_t reader;
-    size_t size;
-};
-constexpr stored_apply kBootOrder[] = {
-    {QMTNM_ID_QOS, QMTNM_ID_QOS, sizeof(qmtnm_qos_cfg)},
-    {QMTNM_ID_WAN, QMTNM_ID_WANFLASH, sizeof(qmtnm_wan_cfg)},
-    {QMTNM_ID_LAN, QMTNM_ID_LAN, sizeof(qmtnm_lan_cfg)},
-    {QMTNM_ID_IPFILTER, QMTNM_ID_IPFILTER, sizeof(qmtnm_ipfilter_cfg)},
-    {QMTNM_ID_PPPOE, QMTNM_ID_PPPOE, sizeof(qmtnm_pppoe_cfg)},
-    {QMTNM_ID_DDNS, QMTNM_ID_DDNS, sizeof(qmtnm_ddns_cfg)},
-    {QMTNM_ID_UPNP, QMTNM_ID_UPNP, sizeof(qmtnm_upnp_cfg)},
-    {QMTNM_ID_BONJOUR, QMTNM_ID_BONJOUR, sizeof(qmtnm_bonjour_cfg)},
-    {QMTNM_ID_AP, QMTNM_ID_AP, sizeof(nm_softap)},
-    {QMTNM_ID_STA, QMTNM_ID_STA, sizeof(qmtnm_sta_cfg)},
-};
-
-// Under the set lock: the stored record is read, and applied through the instance's apply, which
-// checks it first. A refused record is not applied and the refusal is logged.
-int32_t apply_stored_locked(lcl_instance *inst, const stored_apply &a) {
-    constexpr const char *func = "qmtnm_lcl_apply_stored";
-    lcl_instance *reader = lcl_network[a.reader];
-    nm::unique_heap<void> rec(calloc(1, a.size));
-    if (!rec)
-        return nm::err(QMTNM_MODULE_CORE, QMTNM_R_NOMEM);
-    int32_t r = reader->get(reader, rec.get(), a.size);
-    if (r >= 0)
-        r = inst->set(inst, rec.get(), 0);
-    if (r == nm::err(QMTNM_MODULE(a.id), QMTNM_R_INVALID))
-        nm::log(nm::LOG_GATE_ERR, func, "stored %s settings refused, not applied, errno = %d\n",
-                inst->name, r);
-    return r;
-}
-
-int32_t apply_stored(const stored_apply &a) {
-    lcl_instance *inst = lcl_network[a.id];
-    int32_t r = take(inst->set_sem, inst->set_timeout_ms, "qmtnm_lcl_apply_stored");
+int32_t apply_stored(const nm::stored_apply &a) {
+    int32_t r = take(a.inst->set_sem, a.inst->set_timeout_ms, "qmtnm_lcl_apply_stored");
     if (r != 0)
         return r;
-    r = apply_stored_locked(inst, a);
-    sem_post(inst->set_sem);
+    r = nm::apply_stored_locked(a);
+    sem_post(a.inst->set_sem);
     return r;
 }
 
@@ -283,29 +235,29 @@ int32_t qmtnm_lcl_get(uint32_t id, void *arg1, uintptr_t arg2) {
 }
 
 int32_t qmtnm_lcl_apply_stored(uint32_t id) {
+    size_t count = 0;
+    const nm::stored_apply *order = nm::boot_order(&count);
     if (id == QMTNM_APPLY_ALL) {
         int32_t first = 0;
-        for (const stored_apply &a : kBootOrder)
-            if (int32_t r = apply_stored(a); r < 0 && first == 0)
+        for (size_t i = 0; i < count; ++i)
+            if (int32_t r = apply_stored(order[i]); r < 0 && first == 0)
                 first = r;
         return first;
     }
     if (get_lcl_instance(id) == nullptr)
         return no_instance(__func__);
-    for (const stored_apply &a : kBootOrder)
-        if (a.id == id)
-            return apply_stored(a);
+    for (size_t i = 0; i < count; ++i)
+        if (order[i].id == id)
+            return apply_stored(order[i]);
     return 0; // nothing of this area is applied from the store
 }
 
 uint32_t qmtnm_lcl_boot_order(uint32_t *ids, uint32_t cap) {
-    uint32_t n = 0;
-    for (const stored_apply &a : kBootOrder) {
-        if (ids != nullptr && n < cap)
-            ids[n] = a.id;
-        ++n;
-    }
-    return n;
+    size_t count = 0;
+    const nm::stored_apply *order = nm::boot_order(&count);
+    for (size_t i = 0; i < count && ids != nullptr && i < cap; ++i)
+        ids[i] = order[i].id;
+    return static_cast<uint32_t>(count);
 }
 
 __attribute__((constructor)) void libqmtnm_lcl_init(void) {

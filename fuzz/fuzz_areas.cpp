@@ -2,10 +2,14 @@
 // id of the area (a byte that names no row is skipped), the rest the record's bytes (cut at the
 // record's size, a short one zero-filled) in a heap block of exactly the record's size. The
 // record goes to the area's check and, when the check passes, to its compare, activate, apply
-// and persist operations, as the library's set would run them.
+// and persist operations, as the library's set would run them. A record the check refuses goes to
+// the instance's apply, which must refuse it too, and is then stored past the check and applied
+// by the start-up apply (its read, check and apply, as under the lock), as a tampered store
+// would be.
 //
 // Properties checked besides the sanitizers: a check returns 0 or the area's invalid-input code;
-// a persist of a record that passed the check succeeds; every command the apply runs is one of
+// a persist of a record that passed the check succeeds; a refused record runs nothing when
+// applied directly; every command the apply or the start-up apply runs is one of
 // the area's command templates, its caller text kept inside its word (shell_words.h), and so is
 // every shell script it writes. Commands are recorded here, never run: this file defines
 // system(), which the library's calls reach first. The store is reset to the factory settings
@@ -14,6 +18,7 @@
 // The areas write their files under /etc, /var and /tmp: the target refuses to run outside a
 // mount namespace of its own (scripts/test.d/30-fuzz.sh runs it under tests/ns-run, where those
 // are throwaway overlays), and SYSCONF_DB must name the store's database.
+#include "core/lcl_core.h"
 #include "qmt_conf.h"
 #include "qmtnm.h"
 #include "shell_words.h"
@@ -133,6 +138,7 @@ const area_row kAreas[] = {
       WPA_CLI " remove_network 1 &>/dev/null",
       WPA_CLI " wps_cancel",
       WPA_CLI " reconfigure",
+      WPA_CLI " -iwlan0 status &>/var/nm/status_info", // the start-up apply's read
       "echo none >" LED "/trigger",
       "echo 0 >" LED "/brightness",
       "echo 1 >" LED "/brightness",
@@ -328,6 +334,27 @@ void feed_file(const area_row &row, const uint8_t *data, size_t size) {
         property_failed(row, "get returned " + std::to_string(r));
 }
 
+// A record the check refuses: the instance's own apply refuses it too, running nothing; stored
+// past the check (as a tampered store would hold it), the start-up apply runs nothing outside
+// the area's templates.
+void refused_record(const area_row &row, void *rec) {
+    lcl_instance *inst = row.inst;
+    const int32_t invalid = QMTNM_ERR(QMTNM_MODULE(row.id), QMTNM_R_INVALID);
+    if (inst->set != nullptr && inst->set(inst, rec, 0) != invalid)
+        property_failed(row, "the apply took a record its check refuses");
+    if (!recorded.empty())
+        property_failed(row, "the refused apply ran \"" + shown(recorded[0]) + "\"");
+    if (inst->flush == nullptr)
+        return;
+    inst->flush(inst, rec, 0);
+    size_t count = 0;
+    const nm::stored_apply *order = nm::boot_order(&count);
+    for (size_t i = 0; i < count; ++i)
+        if (order[i].inst == inst && nm::apply_stored_locked(order[i]) > 0)
+            property_failed(row, "the start-up apply returned a positive result");
+    check_commands(row);
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -347,6 +374,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
         if (mkdir(dir, 0755) != 0 && errno != EEXIST)
             refuse("cannot make the areas' directories");
     bind_log();
+    // What the station's get reads after asking the supplicant (the recorder runs nothing).
+    std::ofstream("/var/nm/status_info") << "wpa_state=INACTIVE\n";
     // The hardware store's client prints its failures (there is no /dev/hconf here).
     if (freopen("/dev/null", "w", stdout) == nullptr)
         abort();
@@ -387,6 +416,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         if (r != 0 && r != invalid)
             property_failed(*row, "check returned " + std::to_string(r));
         if (r != 0) {
+            refused_record(*row, rec);
             drain_log();
             return 0;
         }
