@@ -188,8 +188,6 @@ bool shell_squote(const char *s, char *out, size_t cap);
 template <size_t N> struct field_text {
     char text[N + 1] = {};
     explicit field_text(const char (&field)[N]) { memcpy(text, field, N); }
-    // Whether the text has 1 to N characters.
-    bool length_ok() const { return strlen(text) - 1 < N; }
 };
 
 // An IPv4 address as dotted-quad text, for a command or a file line:
