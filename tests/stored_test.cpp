@@ -180,6 +180,14 @@ TEST_F(Stored, ARefusedStoredRecordIsNotAppliedAndTheOtherAreasAre) {
     }
 }
 
+// With the activate flag clear a set only stores: the check still keeps a refused record out.
+TEST_F(Stored, ARefusedRecordIsNotStoredWhileChangesWaitForAReboot) {
+    nmtest::set_activate_flag(0);
+    qmtnm_qos_cfg qos = {1, 99};
+    EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_QOS, &qos, 0), invalid(QMTNM_ID_QOS));
+    EXPECT_EQ(qmtnm_lcl_apply_stored(QMTNM_ID_QOS), 0) << "the factory settings stay stored";
+}
+
 TEST_F(Stored, FullTextFieldsComeBackWholeAndAreAppliedWhole) {
     const std::string ssid(32, 's'), domain = std::string(24, 'd') + ".example", user(32, 'u'),
                                      host(64, 'h');
