@@ -19,6 +19,7 @@ constexpr const char kHostnameCmd[] = "hostname '%s'";
 // The host name is stored only while Bonjour is on. It must stay one field of the hosts file's
 // line (no blank, '#' or control character) and must not read as an option to hostname (a
 // leading '-').
+constexpr size_t kName = 1; // the text field
 constexpr nm::store_field kFields[] = {
     NM_FIELD(bonjour_cfg, enable, i32, "enable", 0, "read bonjour enable fail, ret = %d\n",
              "write bonjour enable fail, ret = %d\n"),
@@ -51,7 +52,8 @@ int32_t check_bonjour_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     // The field holds 64 characters at most, so the "> 64" limit cannot be reached from here.
     name_text name(cfg->hostname);
     char quoted[kQuotedCap];
-    if (nm::field_fault(kFields[1], cfg) != nm::text_fault::none || !quote_hostname(name, quoted)) {
+    if (nm::field_fault(kFields[kName], cfg) != nm::text_fault::none ||
+        !quote_hostname(name, quoted)) {
         NM_ERR("input hostname value invalid, errno = %d\n", kInvalid);
         return kInvalid;
     }

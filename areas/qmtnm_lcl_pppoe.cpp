@@ -22,6 +22,7 @@ constexpr const char *kPppDir = "/etc/ppp";
 // In the order they are written; name and password stay stored while PPPoE is off. They go into
 // pppd's files inside double quotes: a line break or other control character is refused, a quote
 // or backslash is escaped when the files are written.
+enum field_index : uint8_t { kEnable, kUsername, kPassword };
 constexpr nm::store_field kFields[] = {
     NM_FIELD(pppoe_cfg, enable, i32, "enable", 0, "get network_pppoe enable fail, errno = %d",
              "write network_pppoe enable fail, errno = %d"),
@@ -55,7 +56,8 @@ int32_t check_pppoe_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const auto *cfg = static_cast<const pppoe_cfg *>(arg1);
     if (cfg->enable == 0)
         return 0;
-    nm::text_fault user = nm::field_fault(kFields[1], cfg), pass = nm::field_fault(kFields[2], cfg);
+    nm::text_fault user = nm::field_fault(kFields[kUsername], cfg),
+                   pass = nm::field_fault(kFields[kPassword], cfg);
     if (user == nm::text_fault::length) {
         NM_ERR("pppoe username length FAIL of range!, errno = %d", kInvalid);
         return kInvalid;

@@ -19,6 +19,7 @@ constexpr const char *kConfName = "miniupnpd.conf";
 
 // The name is stored only while UPnP is on. It becomes a line of the daemon's file, so no control
 // character may stand in it.
+constexpr size_t kName = 1; // the text field
 constexpr nm::store_field kFields[] = {
     NM_FIELD(upnp_cfg, enable, i32, "enable", 0, "get upnp enable fail, ret = %d\n",
              "write upnp enable fail, ret=%d\n"),
@@ -36,7 +37,7 @@ int32_t get_upnp_config(upnp_cfg *cfg) {
 int32_t check_upnp_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     const auto *cfg = static_cast<const upnp_cfg *>(arg1);
     nm::field_text<sizeof cfg->friendlyName> name(cfg->friendlyName);
-    if (nm::field_fault(kFields[1], cfg) != nm::text_fault::none) {
+    if (nm::field_fault(kFields[kName], cfg) != nm::text_fault::none) {
         NM_ERR("upnp friendlyname holds a control character, errno = %d\n", kInvalid);
         return kInvalid;
     }
