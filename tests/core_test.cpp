@@ -1,4 +1,4 @@
-// Instance table, error codes, dispatch order, locking across processes, the activate flag and
+// Dispatch order, locking across processes, the activate flag and
 // the log lines of the dispatcher, through the public calls.
 #include "support/test_support.h"
 
@@ -23,13 +23,10 @@ using strings = std::vector<std::string>;
 // ---- clock stand-in: the test executable's gettimeofday() wins over the C library's ----
 namespace {
 bool fake_clock = false;
-bool clock_fails = false;
 struct timeval fake_now = {};
 } // namespace
 
 extern "C" int gettimeofday(struct timeval *tv, void *) {
-    if (clock_fails)
-        return -1;
     if (fake_clock) {
         *tv = fake_now;
         return 0;
@@ -47,47 +44,6 @@ int sem_value(sem_t *s) {
     int v = -1;
     sem_getvalue(s, &v);
     return v;
-}
-
-TEST(ErrorCodes, BuiltAndTakenApart) {
-    const int32_t code = QMTNM_ERR(QMTNM_MODULE(QMTNM_ID_DDNS), QMTNM_R_INVALID);
-    EXPECT_EQ(static_cast<uint32_t>(code), 0xFDFAFFF9u);
-    EXPECT_EQ(QMTNM_ERR_MODULE(code), 0xFAu);
-    EXPECT_EQ(QMTNM_ERR_REASON(code), -7);
-}
-
-TEST(InstanceTable, EverySlotWithNameTimeoutsAndFreeSemaphores) {
-    lcl_instance *const records[QMTNM_ID_COUNT] = {
-        &br_lcl,   &ethtype_lcl, &ethmac_lcl,   &wan_lcl,     &lan_lcl,
-        &ddns_lcl, &pppoe_lcl,   &upnp_lcl,     &bonjour_lcl, &ipfilter_lcl,
-        nullptr,   &qos_lcl,     &wanflash_lcl, &doscan_lcl,  &scanresult_lcl,
-        &sta_lcl,  &ap_lcl,      &stapin_lcl,   &appin_lcl,
-    };
-    const char *const names[QMTNM_ID_COUNT] = {
-        "br_lcl",   "ethtype_lcl", "ethmac_lcl",   "wan_lcl",     "lan_lcl",
-        "ddns_lcl", "pppoe_lcl",   "upnp_lcl",     "bonjour_lcl", "ipfilter_lcl",
-        nullptr,    "qos_lcl",     "wanflash_lcl", "doscan_lcl",  "scanresult_lcl",
-        "sta_lcl",  "ap_lcl",      "stapin_lcl",   "appin_lcl",
-    };
-    for (uint32_t id = 0; id < QMTNM_ID_COUNT; ++id) {
-        SCOPED_TRACE(id);
-        lcl_instance *inst = get_lcl_instance(id);
-        EXPECT_EQ(inst, records[id]);
-        if (inst == nullptr)
-            continue;
-        EXPECT_STREQ(inst->name, names[id]);
-        // Stored as 0 (2000 ms) but for the station's set and the scan's get.
-        EXPECT_EQ(inst->set_timeout_ms, id == QMTNM_ID_STA ? 200000u : 0u);
-        EXPECT_EQ(inst->get_timeout_ms, id == QMTNM_ID_DOSCAN ? 5000u : 0u);
-        // Start-up opened both semaphores by the instance's name, each free.
-        ASSERT_NE(inst->set_sem, nullptr);
-        ASSERT_NE(inst->get_sem, nullptr);
-        EXPECT_EQ(sem_value(inst->set_sem), 1);
-        EXPECT_EQ(sem_value(inst->get_sem), 1);
-        EXPECT_EQ(access((std::string("/dev/shm/sem.") + inst->name + ".set").c_str(), F_OK), 0);
-    }
-    EXPECT_EQ(get_lcl_instance(19), nullptr);
-    EXPECT_EQ(get_lcl_instance(0xFFFFFFFFu), nullptr);
 }
 
 // Error lines go to syslog as LOCAL2 | ERR, from log level 0 up.
@@ -227,50 +183,6 @@ TEST_F(ScriptedInstance, SetRunsOperationsInOrder) {
             EXPECT_EQ(nmtest::activate_flag(), 0u);
         }
     }
-}
-
-TEST_F(ScriptedInstance, GetAndAbsentOperations) {
-    const int32_t fail = QMTNM_ERR(QMTNM_MOD_WANFLASH, -2);
-    want_arg2 = ~reinterpret_cast<uintptr_t>(&record_);
-    script_.fails = "get";
-    script_.result = fail;
-    EXPECT_EQ(qmtnm_lcl_get(QMTNM_ID_WANFLASH, &record_, want_arg2), fail);
-    EXPECT_EQ(script_.calls, "get");
-    EXPECT_TRUE(script_.args_unchanged);
-    EXPECT_EQ(sem_value(wanflash_lcl.get_sem), 1);
-    // Only get (the real wanflash_lcl): a set takes and releases the lock and returns 0.
-    const lcl_instance scripted = wanflash_lcl;
-    wanflash_lcl = saved_;
-    wanflash_lcl.get = scripted.get;
-    script_ = script{};
-    EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_WANFLASH, &record_, want_arg2), 0);
-    EXPECT_EQ(script_.calls, "");
-    EXPECT_EQ(sem_value(wanflash_lcl.set_sem), 1);
-    // No check, nochange or activate_now: straight from the lock to set and flush; a positive
-    // result does not end the chain.
-    wanflash_lcl.set = scripted.set;
-    wanflash_lcl.flush = scripted.flush;
-    script_.fails = "set";
-    script_.result = 3;
-    EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_WANFLASH, &record_, want_arg2), 0);
-    EXPECT_EQ(script_.calls, "set flush");
-    // A get without a get operation returns 0.
-    wanflash_lcl.get = nullptr;
-    EXPECT_EQ(qmtnm_lcl_get(QMTNM_ID_WANFLASH, &record_, want_arg2), 0);
-    EXPECT_EQ(sem_value(wanflash_lcl.get_sem), 1);
-}
-
-TEST_F(ScriptedInstance, ClockFailureIsReported) {
-    clock_fails = true;
-    int32_t set = qmtnm_lcl_set(QMTNM_ID_WANFLASH, &record_, 0);
-    int32_t get = qmtnm_lcl_get(QMTNM_ID_WANFLASH, &record_, 0);
-    clock_fails = false;
-    EXPECT_EQ(set, static_cast<int32_t>(0xFD00FFFB));
-    EXPECT_EQ(get, static_cast<int32_t>(0xFD00FFFB));
-    EXPECT_EQ(script_.calls, "check");
-    EXPECT_EQ(logs().texts(),
-              strings(2, logged("getabstime", "gettimeofday fail, errno = -50266117")));
-    EXPECT_EQ(sem_value(wanflash_lcl.set_sem), 1);
 }
 
 TEST_F(ScriptedInstance, DeadlineOfExactlyOneSecondIsRefusedAsBusy) {

@@ -2,6 +2,11 @@
 
 #include "qmtnm.h"
 
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 
@@ -176,6 +181,69 @@ const area *find_area(const char *name) {
 
 const char *area_name_by_id(uint32_t id) {
     return id < QMTNM_ID_COUNT ? instance_names[id] : nullptr;
+}
+
+namespace {
+template <class T> T *at(void *record, const field &f) {
+    return reinterpret_cast<T *>(static_cast<char *>(record) + f.offset);
+}
+
+} // namespace
+
+// Parses text into the field; false with a message on stderr if it does not fit.
+bool parse_value(void *record, const field &f, const char *text) {
+    char *end = nullptr;
+    errno = 0;
+    switch (f.type) {
+    case ftype::i32: {
+        long long v = strtoll(text, &end, 0);
+        if (*text && !*end && !errno && v >= INT32_MIN && v <= INT32_MAX) {
+            *at<int32_t>(record, f) = static_cast<int32_t>(v);
+            return true;
+        }
+        break;
+    }
+    case ftype::u32: {
+        unsigned long long v = strtoull(text, &end, 0);
+        if (*text && *text != '-' && !*end && !errno && v <= UINT32_MAX) {
+            *at<uint32_t>(record, f) = static_cast<uint32_t>(v);
+            return true;
+        }
+        break;
+    }
+    case ftype::ipv4:
+        if (inet_pton(AF_INET, text, at<in_addr>(record, f)) == 1)
+            return true;
+        break;
+    case ftype::list:
+        if (!strcmp(text, "white") || !strcmp(text, "black")) {
+            *at<int32_t>(record, f) = !strcmp(text, "white");
+            return true;
+        }
+        break;
+    case ftype::mac:    // set through the area's text argument
+    case ftype::ranges: // set with rule=BEGIN-END words
+        break;
+    case ftype::str:
+    case ftype::secret:
+        // A text of the field's size fills it, unterminated, as the library takes it.
+        if (strlen(text) <= f.size) {
+            memset(at<char>(record, f), 0, f.size);
+            memcpy(at<char>(record, f), text, strlen(text));
+            return true;
+        }
+        fprintf(stderr, "qmtnm: %s: at most %u characters\n", f.name, f.size);
+        return false;
+    }
+    fprintf(stderr, "qmtnm: %s: '%s' is not a valid value\n", f.name, text);
+    return false;
+}
+
+const field *find_field(const area &a, const char *name, size_t len) {
+    for (size_t i = 0; i < a.field_count; ++i)
+        if (strlen(a.fields[i].name) == len && !strncmp(a.fields[i].name, name, len))
+            return &a.fields[i];
+    return nullptr;
 }
 
 } // namespace cli

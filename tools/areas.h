@@ -44,6 +44,10 @@ struct area {
 const area *find_area(const char *name);
 const area *areas_begin();
 const area *areas_end();
+// Parses text into the field of record; false, with a message on stderr, if it does not fit.
+bool parse_value(void *record, const field &f, const char *text);
+// The field of a called name (len characters of it), or null.
+const field *find_field(const area &a, const char *name, size_t len);
 // Short name of the area whose instance id is id, or null.
 const char *area_name_by_id(uint32_t id);
 

@@ -36,7 +36,9 @@ namespace {
 
 using cli::area;
 using cli::field;
+using cli::find_field;
 using cli::ftype;
+using cli::parse_value;
 
 struct options {
     bool json = false;
@@ -221,62 +223,6 @@ void print_record(const area &a, void *record, const options &opt) {
         print_value(record, a.fields[i], opt);
         putchar('\n');
     }
-}
-
-// Parses text into the field; false with a message on stderr if it does not fit.
-bool parse_value(void *record, const field &f, const char *text) {
-    char *end = nullptr;
-    errno = 0;
-    switch (f.type) {
-    case ftype::i32: {
-        long long v = strtoll(text, &end, 0);
-        if (*text && !*end && !errno && v >= INT32_MIN && v <= INT32_MAX) {
-            *member<int32_t>(record, f) = static_cast<int32_t>(v);
-            return true;
-        }
-        break;
-    }
-    case ftype::u32: {
-        unsigned long long v = strtoull(text, &end, 0);
-        if (*text && *text != '-' && !*end && !errno && v <= UINT32_MAX) {
-            *member<uint32_t>(record, f) = static_cast<uint32_t>(v);
-            return true;
-        }
-        break;
-    }
-    case ftype::ipv4:
-        if (inet_pton(AF_INET, text, member<in_addr>(record, f)) == 1)
-            return true;
-        break;
-    case ftype::list:
-        if (!strcmp(text, "white") || !strcmp(text, "black")) {
-            *member<int32_t>(record, f) = !strcmp(text, "white");
-            return true;
-        }
-        break;
-    case ftype::mac:    // set through the area's text argument
-    case ftype::ranges: // set with rule=BEGIN-END words
-        break;
-    case ftype::str:
-    case ftype::secret:
-        // A text of the field's size fills it, unterminated, as the library takes it.
-        if (strlen(text) <= f.size) {
-            memset(member<char>(record, f), 0, f.size);
-            memcpy(member<char>(record, f), text, strlen(text));
-            return true;
-        }
-        fprintf(stderr, "qmtnm: %s: at most %u characters\n", f.name, f.size);
-        return false;
-    }
-    fprintf(stderr, "qmtnm: %s: '%s' is not a valid value\n", f.name, text);
-    return false;
-}
-
-const field *find_field(const area &a, const char *name, size_t len) {
-    for (size_t i = 0; i < a.field_count; ++i)
-        if (strlen(a.fields[i].name) == len && !strncmp(a.fields[i].name, name, len))
-            return &a.fields[i];
-    return nullptr;
 }
 
 using record_ptr = std::unique_ptr<void, decltype(&free)>;

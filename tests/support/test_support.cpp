@@ -1,6 +1,7 @@
 #include "support/test_support.h"
 
 #include "qmt_conf.h"
+#include "tools/areas.h"
 
 #include <gtest/gtest.h>
 
@@ -148,6 +149,44 @@ std::string stored_str(const char *section, const char *key) {
     if (qmt_conf_scanf("network", "%k%k%l%s", section, key, static_cast<int>(sizeof buf), buf) < 0)
         return "<missing>";
     return buf;
+}
+
+std::string stored(const std::string &path) {
+    char buf[512] = {};
+    return sysconf_get_path(path.c_str(), buf, sizeof buf) < 0 ? "<missing>" : buf;
+}
+
+void store(const std::string &path, const std::string &text) {
+    EXPECT_GE(sysconf_set_path(path.c_str(), text.c_str()), 0) << path;
+}
+
+std::vector<char> record(const char *name, const std::string &words) {
+    const cli::area *a = cli::find_area(name);
+    if (a == nullptr || a->text_set) {
+        EXPECT_NE(a, nullptr) << name;
+        std::vector<char> text(words.begin(), words.end());
+        text.push_back('\0');
+        return text;
+    }
+    std::vector<char> rec(a->record_size);
+    if (qmtnm_lcl_get(a->stored_id, rec.data(), rec.size()) < 0) // unreadable: from nothing
+        std::fill(rec.begin(), rec.end(), 0);
+    for (size_t at = 0; at < words.size();) {
+        size_t end = std::min(words.find('|', at), words.size());
+        std::string w = words.substr(at, end - at), key = w.substr(0, w.find('='));
+        const char *value = w.c_str() + std::min(key.size() + 1, w.size());
+        const cli::field *f = cli::find_field(*a, key.data(), key.size());
+        std::string filled = value;
+        if (f && value[0] == '*') // "*text": text repeated to the field's end, unterminated
+            for (filled.clear(); filled.size() < f->size;)
+                filled += value[1 + filled.size() % (strlen(value) - 1)];
+        bool known = false;
+        EXPECT_TRUE(f ? cli::parse_value(rec.data(), *f, filled.c_str())
+                      : a->word && a->word(rec.data(), key.c_str(), value, &known))
+            << name << ": " << w;
+        at = end + 1;
+    }
+    return rec;
 }
 
 void store_sql(const std::string &sql) {

@@ -57,6 +57,18 @@ void load_defaults();
 // A string value of domain "network" (read capacity 64), or "<missing>".
 std::string stored_str(const char *section, const char *key);
 
+// A value by path ("network/network_qos/dscp") in the store's text form (46, "text"), or
+// "<missing>".
+std::string stored(const std::string &path);
+// Writes a value by path, given in the store's text form.
+void store(const std::string &path, const std::string &text);
+
+// ---- records as the tool takes them ----
+// The area's record as `qmtnm set` builds it: the stored record changed by words, field=value
+// items separated by '|' (a text may hold blanks; "*text" is text repeated to fill the field,
+// unterminated); for ethmac, the address text itself.
+std::vector<char> record(const char *area, const std::string &words);
+
 // Runs one SQL statement on the store's database file through the sqlite3 shell.
 void store_sql(const std::string &sql);
 
