@@ -114,14 +114,14 @@ const row kRows[] = {
      0xFDFCFFFE,
      "",
      {"log=set_wan: read network_wan port failed, errno = -33751042"},
-     {"network/network_wan/port=\"eth0;reboot\""}},
+     {"network/network_wan/port=\"-a\""}},
     {"lan",
      set,
      "ipaddr=10.7.0.1",
      0xFDFBFFFE,
      "",
      {"log=get_lan_config: read lan port fail, errno = -33816578"},
-     {"network/network_lan/port=\"$(halt)\""}},
+     {"network/network_lan/port=\"$(a)\""}},
     // ---- LAN ----
     {"lan",
      set,
@@ -266,7 +266,7 @@ const row kRows[] = {
       "network/network_ipfilter/rules/#1/begin_ip=<missing>",
       "network/network_ipfilter/rules/#2/end_ip=<missing>"},
      {"set:enable=1|mode=black|rule=1.1.1.1-1.1.1.2|rule=1.1.1.3-1.1.1.4|rule=1.1.1.5-1.1.1.6"}},
-    {"ipfilter", set, "enable=1|rule=10.0.0.1;reboot-10.0.0.2", 0xFDF6FFF9, "", {}},
+    {"ipfilter", set, "enable=1|rule=10.0.0.1 ;halt-10.0.0.2", 0xFDF6FFF9, "", {}},
 };
 
 std::string joined(const strings &lines) {
