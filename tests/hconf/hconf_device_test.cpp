@@ -1,13 +1,11 @@
-// Device operations of the hardware store, save_hw_conf and the hconf tool against the driver
-// stand-in (preloaded by ctest): one script on one store. Each step runs commands (below, "$"
-// runs the tool, "@" is the test's directory) with some requests refused by the stand-in, and
-// gives the result and everything printed, the tool's standard error included.
+// Device operations of the hardware store, save_hw_conf and the hconf tool, on the driver stand-in
+// (preloaded by ctest): one script. A step runs commands ("$": the tool, "@": the test's directory)
+// with the requests the stand-in refuses, and gives the result and all they print.
 #include "hconf_test_util.h"
 
 #include "qmtnm.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -59,126 +57,94 @@ void image_with(uint16_t len) {
 
 int run(std::string cmd) {
     static qmt_hconf_header_rec header;
-    alignas(8) static uint8_t rec[64];
-    auto *e = reinterpret_cast<qmt_hconf_entry_rec *>(rec);
     for (size_t at; (at = cmd.find('@')) != std::string::npos;)
         cmd.replace(at, 1, dir);
     const size_t sp = cmd.find(' ');
     const std::string verb = cmd.substr(0, sp), arg = sp == cmd.npos ? "" : cmd.substr(sp + 1);
     in_addr a{};
-    if (verb == "$")
-        return tool(arg);
-    if (verb == "write") {
-        qmt_hconf_entry_rec *parsed = qmt_hconf_entry(arg.c_str());
-        const int r = parsed ? qmt_hconf_write_entry(parsed) : -2;
-        return free(parsed), r;
-    }
-    if (verb == "read") // the caller gives the id and, as len, the room for the data
-        return e->id = std::stoul(arg, nullptr, 0), e->len = 56, qmt_hconf_read_entry(e);
-    if (verb == "delete")
-        return qmt_hconf_del_entry(std::stoul(arg, nullptr, 0));
     if (verb == "in") // the text of @/in.txt
         return std::ofstream(dir + "/in.txt") << arg, 0;
-    if (verb == "ip" || verb == "mask" || verb == "other") {
-        if (inet_pton(AF_INET, arg.c_str(), &a) != 1)
-            return -2;
-        save_hw_conf(verb == "ip" ? 0 : verb == "mask" ? 1 : 2, a);
-        return 0;
-    }
-    if (verb == "save") // to a file, then printed; to standard output, which stays open
-        return arg.empty() ? qmt_hconf_save(nullptr) - (fcntl(1, F_GETFD) == -1)
-                           : qmt_hconf_save(arg.c_str()) + cat(arg);
+    if (verb == "hw") // save_hw_conf(which, address)
+        return inet_pton(AF_INET, arg.c_str() + 2, &a) == 1 ? save_hw_conf(arg[0] - '0', a), 0 : -2;
     if (verb == "image")
         image_with(static_cast<uint16_t>(std::stoul(arg)));
     if (verb == "reboot" || verb == "image") // the driver reloads the committed image
         return unlink((image + ".work").c_str()), 0;
-    return verb == "header"       ? qmt_hconf_read_header(&header)
+    return verb == "$"            ? tool(arg)
+           : verb == "header"     ? qmt_hconf_read_header(&header)
            : verb == "set-header" ? qmt_hconf_write_header(&header)
-           : verb == "sync"       ? qmt_hconf_sync()
-           : verb == "clear"      ? qmt_hconf_clear()
            : verb == "update"     ? qmt_hconf_update(arg.c_str())
+           : verb == "save"       ? qmt_hconf_save(arg.empty() ? nullptr : arg.c_str())
            : verb == "cat"        ? cat(arg)
                                   : -1000;
 }
 
 TEST(HconfDevice, Script) {
     setenv("HCONF_STANDIN_IMAGE", image.c_str(), 1);
-    const std::string
-        x42 = "entry: 0x42 type 0 len 1: 5a \n",
-        ip = "0x1000002:0:4:c0a8010a\n", dev = " ERROR: open /dev/hconf failed\n",
-        hi = "0x10:1:2:hi\n", bad_type = "qmt_hconf_save: ERROR: invalid entry type: 2\n",
-        bad2 = "qmt_hconf_entry: ERROR: bad entry type: 2\n",
-        dumps = "entry: 0x10 type 1 len 2: hi\nentry: 0x1000002 type 0 len 4: c0 a8 01 0a \n",
-        usage = "usage: hconf save [FILE] | update FILE | header | read ID | "
-                "write TEXT |\n             delete ID | sync | clear\n";
+    const std::string x42 = "entry: 0x42 type 0 len 1: 5a \n",
+                      dev = " ERROR: open /dev/hconf failed\n", ip = "0x1000002:0:4:c0a8010a\n",
+                      hi = "0x10:1:2:hi\n", x3 = "0x3:0:1:03\n0x1:1:2:hi\n0x2:0:0:\n",
+                      bad_type = "qmt_hconf_save: ERROR: invalid entry type: 2\n",
+                      bad2 = "qmt_hconf_entry: ERROR: bad entry type: 2\n",
+                      usage = "usage: hconf save [FILE] | update FILE | header | read ID | "
+                              "write TEXT |\n             delete ID | sync | clear\n";
     const struct {
         const char *fail; // the requests refused: numbers, or "open"
         const char *cmds; // separated by "; "
-        int result;       // the sum of the commands' results
+        int result;       // the sum of the commands' results or exit statuses
         std::string out;
     } steps[] = {
-        // One request a call, refused by its own number: the device's request numbers.
-        {"", "write 0x42:0:1:5a", 0, x42},
-        {"6", "write 0x4:0:0:", -1,
+        // Each call issues its own request: refused by that number, the call fails.
+        {"", "$ write 0x42:0:1:5a; header; set-header; $ read 0x42", 0,
+         x42 + "header: 0x68636f6e num 1 len 21\n" + x42},
+        {"6", "$ write 0x4:0:0:", 1,
          "entry: 0x4 type 0 len 0: \nqmt_hconf_write_entry: ERROR: write entry failed\n"},
-        {"open", "write 0x4:0:0:", -1, "entry: 0x4 type 0 len 0: \nqmt_hconf_write_entry:" + dev},
-        {"", "header", 0, "header: 0x68636f6e num 1 len 21\n"},
         {"3", "header", -1, "qmt_hconf_read_header: ERROR: read header failed\n"},
-        {"", "set-header", 0, ""},
         {"4", "set-header", -1, "qmt_hconf_write_header: ERROR: write header failed\n"},
-        {"", "read 0x42", 0, x42},
-        {"5", "read 0x42", -1, "qmt_hconf_read_entry: ERROR: read entry failed\n"},
-        {"9", "delete 0x42", -1, "qmt_hconf_del_entry: ERROR: delete entry failed\n"},
-        // The id is passed through: the stand-in refuses one it does not hold.
-        {"", "delete 0x42; delete 0x42", -1, "qmt_hconf_del_entry: ERROR: delete entry failed\n"},
-        {"7", "sync", -1, "qmt_hconf_sync: ERROR: sync failed\n"},
-        {"8", "clear", -1, "qmt_hconf_clear: ERROR: clear failed\n"},
-        {"open", "clear", -1, "qmt_hconf_clear:" + dev},
+        {"5", "$ read 0x42", 1, "qmt_hconf_read_entry: ERROR: read entry failed\n"},
+        {"9", "$ delete 0x42", 1, "qmt_hconf_del_entry: ERROR: delete entry failed\n"},
+        {"", "$ delete 66; $ delete 66", 1, "qmt_hconf_del_entry: ERROR: delete entry failed\n"},
+        {"7", "$ sync", 1, "qmt_hconf_sync: ERROR: sync failed\n"},
+        {"8", "$ clear", 1, "qmt_hconf_clear: ERROR: clear failed\n"},
+        {"open", "$ sync", 1, "qmt_hconf_sync:" + dev},
         // Update: every entry in order, short lines skipped, nothing committed.
         {"", "in 0x3:0:1:03\n\n0x1:1:2:hi\nabcd\n0x2:0:0:\n12345; update @/in.txt; save", 0,
-         "entry: 0x3 type 0 len 1: 03 \nentry: 0x1 type 1 len 2: hi\nentry: 0x2 type 0 len 0: \n"
-         "0x3:0:1:03\n0x1:1:2:hi\n0x2:0:0:\n"},
-        {"", "save @/out.txt; reboot; save", 0, "0x3:0:1:03\n0x1:1:2:hi\n0x2:0:0:\n"},
-        {"1", "save @/out.txt", -1, "qmt_hconf_save: ERROR: failed read all\n<missing>"},
-        {"open", "save @/out.txt", -1, "qmt_hconf_save:" + dev + "<missing>"},
-        {"", "save @/no/f", 0, "qmt_hconf_save: ERROR: open " + dir + "/no/f failed\n<missing>"},
+         "entry: 0x3 type 0 len 1: 03 \nentry: 0x1 type 1 len 2: hi\nentry: 0x2 type 0 len 0: \n" +
+             x3},
+        {"", "save @/o.txt; cat @/o.txt; reboot; save", 0, x3},
+        {"1", "save @/o.txt; cat @/o.txt", -1, "qmt_hconf_save: ERROR: failed read all\n<missing>"},
+        {"open", "save @/o.txt; cat @/o.txt", -1, "qmt_hconf_save:" + dev + "<missing>"},
+        {"", "save @/no/f", 0, "qmt_hconf_save: ERROR: open " + dir + "/no/f failed\n"},
         // An update stops at its first failure; entries of earlier lines stay written.
         {"", "in 0x1:0:1:01\n0x30:2:1:00\n0x2:0:1:02\n; update @/in.txt; save", -1,
          "entry: 0x1 type 0 len 1: 01 \n" + bad2 +
              "qmt_hconf_update: ERROR: failed parse entry: 0x30:2:1:00\n\n0x1:0:1:01\n"},
-        {"6", "in 0x7:0:1:07\n0x8:0:1:08\n; update @/in.txt", -1,
-         "entry: 0x7 type 0 len 1: 07 \nqmt_hconf_write_entry: ERROR: write entry failed\n"},
         {"", "update @/none", -1, "qmt_hconf_update: ERROR: open " + dir + "/none failed\n"},
-        // save_hw_conf: the address or netmask entry, written and committed.
-        {"", "reboot; mask 255.255.255.0; ip 192.168.1.10; other 1.2.3.4", 0,
+        // save_hw_conf: the address (0) or netmask (1) entry, written and committed.
+        {"", "reboot; hw 1 255.255.255.0; hw 0 192.168.1.10; hw 2 1.2.3.4", 0,
          "entry: 0x1000004 type 0 len 4: ff ff ff 00 \nentry: 0x1000002 type 0 len 4: c0 a8 01 0a "
          "\n"},
-        {"7", "ip 10.0.0.7", 0,
+        {"7", "hw 0 10.0.0.7", 0,
          "entry: 0x1000002 type 0 len 4: 0a 00 00 07 \nqmt_hconf_sync: ERROR: sync failed\n"},
-        {"open", "mask 10.0.0.7", 0,
-         "entry: 0x1000004 type 0 len 4: 0a 00 00 07 \nqmt_hconf_write_entry:" + dev +
-             "qmt_hconf_sync:" + dev},
         {"", "reboot; save", 0, "0x1000004:0:4:ffffff00\n" + ip},
         // The tool: exit status 0, 1 for a failed call, 2 for a usage error.
-        {"", "$ clear; $ write 0x10:1:2:hi; $ write 0x01000002:0:4:c0a8010a", 0, dumps},
-        {"", "$ save @/s.txt; $ clear; $ save; $ update @/s.txt; cat @/s.txt", 0, dumps + hi + ip},
-        {"", "$ save; $ header; $ read 0x10", 0,
-         hi + ip + "header: 0x68636f6e num 2 len 34\nentry: 0x10 type 1 len 2: hi\n"},
+        {"", "$ clear; $ write 0x10:1:2:hi; $ save @/s.txt; $ clear; $ update @/s.txt; cat @/s.txt",
+         0, "entry: 0x10 type 1 len 2: hi\nentry: 0x10 type 1 len 2: hi\n" + hi},
+        {"", "$ write 0x01000002:0:4:c0a8010a; $ save; $ header", 0,
+         "entry: 0x1000002 type 0 len 4: c0 a8 01 0a \n" + hi + ip +
+             "header: 0x68636f6e num 2 len 34\n"},
         {"", "$ sync; $ delete 16; $ read 16", 1,
          "qmt_hconf_read_entry: ERROR: read entry failed\n"},
         {"", "$ write 0x1:2:0:", 1, bad2},
-        {"", "$ update @/none", 1, "qmt_hconf_update: ERROR: open " + dir + "/none failed\n"},
         {"", "$ save @/no/f", 1,
          "hconf: cannot write " + dir + "/no/f: No such file or directory\n"},
-        {"8", "$ clear", 1, "qmt_hconf_clear: ERROR: clear failed\n"},
-        {"open", "$ sync", 1, "qmt_hconf_sync:" + dev},
         {"", "reboot; $ save", 0, hi + ip}, // what the tool's sync committed
         {"", "$; $ read; $ sync x", 6, usage + usage + usage},
         {"", "$ delete x", 2, "hconf: bad id: x\n"},
         // The save walks the image as far as its entries stay inside it.
-        {"", "image 65505; save @/o.txt", 0,
+        {"", "image 65505; save @/o.txt; cat @/o.txt", 0,
          bad_type + "0x30:2:3:\n0x2:0:65505:" + std::string(2 * 65505, '0') + "\n"},
-        {"", "image 65506; save @/o.txt", 0, bad_type + "0x30:2:3:\n"},
+        {"", "image 65506; save @/o.txt; cat @/o.txt", 0, bad_type + "0x30:2:3:\n"},
     };
     for (const auto &s : steps) {
         SCOPED_TRACE(s.cmds);
