@@ -11,6 +11,8 @@ using strings = std::vector<std::string>;
 
 namespace {
 
+const char *const keys[3][2] = {
+    {"network_wan", "ipaddr"}, {"network_lan", "ipaddr"}, {"network_bonjour", "hostname"}};
 const int32_t kOpenFail = static_cast<int32_t>(0xFD00FFFDu);
 
 // The one line logged, or none.
@@ -48,10 +50,7 @@ TEST(CommonHelpers, WriteConfFile) {
 }
 
 TEST(CommonHelpers, UpdateHostsFile) {
-    const char *hosts = "/var/conf/hosts", *gone = "<removed from the store>",
-               *keys[][2] = {{"network_wan", "ipaddr"},
-                             {"network_lan", "ipaddr"},
-                             {"network_bonjour", "hostname"}};
+    const char *hosts = "/var/conf/hosts", *gone = "<removed from the store>";
     const std::string W = "192.168.0.100", L = "192.168.1.1", h64(64, 'h'), earlier(4000, '#'),
                       refused = "stored address or hostname refused, errno = -50266119",
                       missing = " fail, errno = -50266114";
@@ -60,9 +59,8 @@ TEST(CommonHelpers, UpdateHostsFile) {
         int32_t result;
         std::string log; // of a failure
     } rows[] = {
-        {{W, L, "qmtnm"}, 0, ""},
-        {{W, L, ""}, 0, ""},
-        {{"255.255.255.255", "10.0.0.1", h64}, 0, ""},
+        {{W, L, h64}, 0, ""}, // a name that fills the Bonjour record's field
+        {{"255.255.255.255", "10.0.0.1", ""}, 0, ""},
         // A stored value that would not stay one field of its line leaves the file as it was.
         {{W, L, "cam\n10.6.6.6\tevil"}, static_cast<int32_t>(0xFD00FFF9u), refused},
         {{W, L, "cam evil"}, static_cast<int32_t>(0xFD00FFF9u), refused},

@@ -108,10 +108,12 @@ TEST(HconfDevice, Script) {
         {"8", "$ clear", 1, "qmt_hconf_clear: ERROR: clear failed\n"},
         {"open", "$ sync", 1, "qmt_hconf_sync:" + dev},
         // Update: every entry in order, short lines skipped, nothing committed.
-        {"", "in 0x3:0:1:03\n\n0x1:1:2:hi\nabcd\n0x2:0:0:\n12345; update @/in.txt; save", 0,
+        {"",
+         "in 0x3:0:1:03\n\n0x1:1:2:hi\nabcd\n0x2:0:0:\n12345; update @/in.txt; save; save @/o.txt; "
+         "cat @/o.txt; reboot; save",
+         0,
          "entry: 0x3 type 0 len 1: 03 \nentry: 0x1 type 1 len 2: hi\nentry: 0x2 type 0 len 0: \n" +
-             x3},
-        {"", "save @/o.txt; cat @/o.txt; reboot; save", 0, x3},
+             x3 + x3},
         {"1", "save @/o.txt; cat @/o.txt", -1, "qmt_hconf_save: ERROR: failed read all\n<missing>"},
         {"open", "save @/o.txt; cat @/o.txt", -1, "qmt_hconf_save:" + dev + "<missing>"},
         {"", "save @/no/f", 0, "qmt_hconf_save: ERROR: open " + dir + "/no/f failed\n"},
@@ -139,8 +141,7 @@ TEST(HconfDevice, Script) {
         {"", "$ save @/no/f", 1,
          "hconf: cannot write " + dir + "/no/f: No such file or directory\n"},
         {"", "reboot; $ save", 0, hi + ip}, // what the tool's sync committed
-        {"", "$; $ read; $ sync x", 6, usage + usage + usage},
-        {"", "$ delete x", 2, "hconf: bad id: x\n"},
+        {"", "$ delete x; $ sync x", 4, "hconf: bad id: x\n" + usage},
         // The save walks the image as far as its entries stay inside it.
         {"", "image 65505; save @/o.txt; cat @/o.txt", 0,
          bad_type + "0x30:2:3:\n0x2:0:65505:" + std::string(2 * 65505, '0') + "\n"},

@@ -1,11 +1,7 @@
 // The hardware store reports with printf: its tests compare what a call printed.
 #pragma once
-
 #include "qmt_hconf.h"
-
 #include <gtest/gtest.h>
-
-#include <cstdio>
 #include <string>
 
 template <class Fn> std::string stdout_of(Fn fn) {
