@@ -164,7 +164,7 @@ TEST_F(Wifi, StationRecordsGiveTheirCommandsAndStoredKeys) {
     const std::string hex = "0123456789abcdef0123456789", p64(64, 'p'), ctl = ", errno = -34537479",
                       wep_hex = "sta wep key of 10 or 26 characters must be hexadecimal" + ctl;
     const std::string rm = cli("remove_network 0"), cancel = W + " wps_cancel";
-    auto join = [rm](const std::string &word, strings security) { // the ssid as it stands
+    auto join = [rm](const std::string &word, strings security) { // word: the ssid as it stands
         strings run = {rm, cli("ap_scan 1"), cli("add_network"),
                        cli("set_network 0 ssid '\"" + word + "\"'"),
                        cli("set_network 0 scan_ssid 1")};
@@ -194,7 +194,7 @@ TEST_F(Wifi, StationRecordsGiveTheirCommandsAndStoredKeys) {
         {sta(2, "n", "12345678\x7f"), kStaInvalid, {}, "sta password holds a control character" + ctl},
         {sta(1, "n", "01234;id;x"), kStaInvalid, {}, wep_hex},
         {sta(1, "n", hex.substr(0, 25) + "g"), kStaInvalid, {}, wep_hex},
-        {sta(9, "x", "\n", 1, 0, 0, 0), 0, {rm}}, // off: nothing else is looked at, the switch stored
+        {sta(9, "x", "\n", 1, 0, 0, 0), 0, {rm}}, // off: nothing else is looked at or stored
         {wps("", 1, 1), int32_t(0xFDF0FFFF), {rm, cli("wps_pbc any"), cancel, W + " reconfigure"}},
         {wps("12345678"), int32_t(0xFDF0FFFF), {rm, cli("wps_pin any 12345678"), cancel, W + " reconfigure"}}, // no check digit
         {sta(0, "Cafe", "unused\n"), 0, join("Cafe", {"key_mgmt NONE"})},
