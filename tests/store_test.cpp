@@ -101,11 +101,12 @@ int32_t invalid(uint32_t id) {
     return QMTNM_ERR(QMTNM_MODULE(id), QMTNM_R_INVALID);
 }
 
-// Stores "section/key = value" lines below network/network_, as a hand-edited store holds them.
+// Stores "section/key = value" lines ('|' between them) below network/network_, as a hand-edited
+// store holds them.
 int tamper(const std::string &lines) {
     std::string text = "network/network_" + lines + "\n";
-    for (size_t at = 0; (at = text.find('\n', at)) + 1 < text.size(); at += 17)
-        text.insert(at + 1, "network/network_");
+    for (size_t at; (at = text.find('|')) != std::string::npos;)
+        text.replace(at, 1, "\nnetwork/network_");
     return load(text);
 }
 
@@ -121,35 +122,29 @@ const std::string refused; // by the read or the check, with the area's invalid 
 
 const struct stored_row {
     uint32_t id;
-    std::string lines;
+    std::string lines; // "section/key = value", '|' between them
     std::string shown; // else a command or a file shows the applied text
 } kStoredRows[] = {
     {QMTNM_ID_IPFILTER,
-     "ipfilter/common/enable = 1\nipfilter/common/index = 1\n"
-     "ipfilter/rules/#0/begin_ip = \"1;touch /tmp/p;\"\n"
-     "ipfilter/rules/#0/end_ip = \"1.1.1.9\"",
+     "ipfilter/common/enable = 1|ipfilter/common/index = 1|ipfilter/rules/#0/"
+     "begin_ip = \"1;touch /tmp/p;\"|ipfilter/rules/#0/end_ip = \"1.1.1.9\"",
      refused},
-    {QMTNM_ID_DDNS,
-     "ddns/enable = 1\nddns/domain = \"x;touch /tmp/q;\"\nddns/username = \"u\"\n"
-     "ddns/password = \"p\"",
+    {QMTNM_ID_DDNS, "ddns/enable = 1|ddns/domain = \"x;touch /tmp/q;\"", refused},
+    {QMTNM_ID_STA, "sta/enable = 1|sta/auth = 1|sta/index = 1|sta/password = \"$(reboot)x\"",
      refused},
-    {QMTNM_ID_STA,
-     "sta/enable = 1\nsta/ssid = \"net\"\nsta/auth = 1\nsta/index = 1\n"
-     "sta/password = \"$(reboot)x\"",
-     refused},
-    {QMTNM_ID_STA, "sta/enable = 1\nsta/ssid = \"" + S33 + "\"", refused},
-    {QMTNM_ID_AP, "softap/auth = 3\nsoftap/password = \"12345678\\nwpa=0\"", refused},
+    {QMTNM_ID_STA, "sta/enable = 1|sta/ssid = \"" + S33 + "\"", refused},
+    {QMTNM_ID_AP, "softap/auth = 3|softap/password = \"12345678\\nwpa=0\"", refused},
     {QMTNM_ID_UPNP, "upnp/friendlyName = \"cam\\nsecure_mode=no\"", refused},
     {QMTNM_ID_BONJOUR, "bonjour/hostname = \"cam\\n10.6.6.6\\tevil\"", refused},
-    {QMTNM_ID_PPPOE, "pppoe/enable = 1\npppoe/username = \"u\\nplugin /tmp/evil.so\"", refused},
-    {QMTNM_ID_QOS, "qos/enable = 1\nqos/dscp = 99", refused},
+    {QMTNM_ID_PPPOE, "pppoe/enable = 1|pppoe/username = \"u\\nplugin /tmp/evil.so\"", refused},
+    {QMTNM_ID_QOS, "qos/enable = 1|qos/dscp = 99", refused},
     {QMTNM_ID_LAN, "lan/method = 7", refused},
-    {QMTNM_ID_STA, "sta/enable = 1\nsta/ssid = \"" + S32 + "\"", "set_network 0 ssid '\"" + S32},
+    {QMTNM_ID_STA, "sta/enable = 1|sta/ssid = \"" + S32 + "\"", "set_network 0 ssid '\"" + S32},
     {QMTNM_ID_DDNS,
-     "ddns/enable = 1\nddns/domain = \"" + D32 + "\"\nddns/username = \"" + U32 +
-         "\"\nddns/password = \"" + U32 + "\"",
+     "ddns/enable = 1|ddns/domain = \"" + D32 + "\"|ddns/username = \"" + U32 +
+         "\"|ddns/password = \"p\"",
      "hostname=" + D32 + "&"},
-    {QMTNM_ID_PPPOE, "pppoe/enable = 1\npppoe/username = \"" + U32 + "\"\npppoe/password = \"p\"",
+    {QMTNM_ID_PPPOE, "pppoe/enable = 1|pppoe/username = \"" + U32 + "\"|pppoe/password = \"p\"",
      "name \"" + U32 + "\"\n"},
     {QMTNM_ID_BONJOUR, "bonjour/hostname = \"" + H64 + "\"", "hostname '" + H64 + "'"},
 };
