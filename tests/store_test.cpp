@@ -34,13 +34,9 @@ int load(std::string text, int replace = 0) {
     return r;
 }
 
-TEST_F(Store, ValuesRoundTripAndAreCutToTheReadersCapacity) {
-    int v = -1;
-    ASSERT_EQ(qmt_conf_printf(D, "%k%k%k%d", "network_ipfilter", "common", "mode", -17), 0);
-    ASSERT_EQ(qmt_conf_scanf(D, "%k%k%k%d", "network_ipfilter", "common", "mode", &v), 0);
-    EXPECT_EQ(v, -17);
+TEST_F(Store, ValuesRoundTripCutToTheReadersCapacityAndListsCountTheirElements) {
     const std::tuple<const char *, int, const char *> rows[] = {
-        {"my ap 'quoted' \"x\"", 64, "my ap 'quoted' \"x\""},
+        {"a 'b' \"c\"", 64, "a 'b' \"c\""},
         {"", 64, ""},
         {"255.255.255.255", 16, "255.255.255.255"},
         {"1234567890123456789", 16, "123456789012345"},
@@ -54,6 +50,23 @@ TEST_F(Store, ValuesRoundTripAndAreCutToTheReadersCapacity) {
         EXPECT_STREQ(buf, expected);
         EXPECT_EQ(buf[cap], '#') << "wrote past the capacity " << cap;
     }
+    // Writes and deletes of rules/#<index>/<key>, and the count of elements after each: the
+    // last element goes with its last key; a missing value is deleted without complaint.
+    const std::tuple<const char *, int, const char *, int> steps[] = {
+        {"%k%k%i%k%d", 0, "begin_ip", 1}, {"%k%k%i%k%d", 1, "begin_ip", 2},
+        {"%k%k%i%k%d", 1, "end_ip", 2},   {"%k%k%i%k%r", 1, "begin_ip", 2},
+        {"%k%k%i%k%r", 1, "end_ip", 1},   {"%k%k%i%k%r", 1, "end_ip", 1}};
+    for (auto [format, index, key, count] : steps) {
+        int n = -1;
+        ASSERT_EQ(qmt_conf_printf(D, format, "network_ipfilter", "rules", index, key, 7), 0);
+        ASSERT_EQ(qmt_conf_scanf(D, "%k%k%z", "network_ipfilter", "rules", &n), 0);
+        EXPECT_EQ(n, count) << format << " " << index << " " << key;
+    }
+    int n = -1; // a group is not a list
+    ASSERT_EQ(qmt_conf_scanf(D, "%k%k%z", "network_ipfilter", "common", &n), 0);
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(qmt_conf_printf(D, "%k%k%i%k%d", "network_ipfilter", "rules", -1, "x", 1),
+              QMT_CONF_EFORMAT);
 }
 
 TEST_F(Store, IllFormedCallsAreRefusedAndWriteNothing) {
@@ -73,33 +86,9 @@ TEST_F(Store, IllFormedCallsAreRefusedAndWriteNothing) {
     EXPECT_EQ(nmtest::stored_str("network_wan", "port"), "eth0");
 }
 
-TEST_F(Store, ListsCountTheirElements) {
-    auto count = [](const char *group) {
-        int n = -1;
-        EXPECT_EQ(qmt_conf_scanf(D, "%k%k%z", "network_ipfilter", group, &n), 0);
-        return n;
-    };
-    EXPECT_EQ(count("rules"), 0);
-    for (int i = 0; i < 3; ++i)
-        for (const char *key : {"begin_ip", "end_ip"})
-            ASSERT_EQ(qmt_conf_printf(D, "%k%k%i%k%d", "network_ipfilter", "rules", i, key, i), 0);
-    EXPECT_EQ(count("rules"), 3);
-    // The last element goes with its last key; a missing value is deleted without complaint.
-    const std::pair<const char *, int> deletes[] = {{"begin_ip", 3}, {"end_ip", 2}, {"end_ip", 2}};
-    for (auto [key, left] : deletes) {
-        ASSERT_EQ(qmt_conf_printf(D, "%k%k%i%k%r", "network_ipfilter", "rules", 2, key), 0);
-        EXPECT_EQ(count("rules"), left) << key;
-    }
-    EXPECT_EQ(count("common"), 0) << "a group is not a list";
-    EXPECT_EQ(qmt_conf_printf(D, "%k%k%i%k%d", "network_ipfilter", "rules", -1, "x", 1),
-              QMT_CONF_EFORMAT);
-}
-
 // ---- stored settings as input to the start-up apply ----
 
-int32_t invalid(uint32_t id) {
-    return QMTNM_ERR(QMTNM_MODULE(id), QMTNM_R_INVALID);
-}
+const auto invalid = [](uint32_t id) { return QMTNM_ERR(QMTNM_MODULE(id), QMTNM_R_INVALID); };
 
 // Stores "section/key = value" lines ('|' between them) below network/network_, as a hand-edited
 // store holds them.
@@ -149,15 +138,7 @@ const struct stored_row {
     {QMTNM_ID_BONJOUR, "bonjour/hostname = \"" + H64 + "\"", "hostname '" + H64 + "'"},
 };
 
-// The station's read asks the supplicant for its state; the DDNS and PPPoE applies write into
-// directories of their own.
-class Stored : public nmtest::area_test {
-    void SetUp() override {
-        area_test::SetUp();
-        nmtest::sh("echo wpa_state=INACTIVE >/var/nm/status_info;"
-                   "mkdir -p /etc/cron /var/spool/cron/crontabs /etc/ppp");
-    }
-};
+class Stored : public nmtest::area_test {};
 
 TEST_F(Stored, StartUpRefusesHostileOrTooLongStoredTextAndAppliesTheRest) {
     // Marking first, the wired ports, the filter before the services, the radios last.
@@ -167,6 +148,10 @@ TEST_F(Stored, StartUpRefusesHostileOrTooLongStoredTextAndAppliesTheRest) {
     std::vector<uint32_t> order(QMTNM_ID_COUNT);
     order.resize(qmtnm_lcl_boot_order(order.data(), QMTNM_ID_COUNT));
     EXPECT_EQ(order, want);
+    // The station's read asks the supplicant for its state; the DDNS and PPPoE applies write
+    // into directories of their own.
+    nmtest::sh("echo wpa_state=INACTIVE >/var/nm/status_info;"
+               "mkdir -p /etc/cron /var/spool/cron/crontabs /etc/ppp");
     for (const stored_row &r : kStoredRows) {
         const std::string name = get_lcl_instance(r.id)->name;
         SCOPED_TRACE(name + ": " + r.lines);
@@ -216,14 +201,13 @@ struct area_desc {
     }
 };
 
+// QoS: the DSCP value; DDNS: the domain, the user name and the password, each of 32 bytes.
 const area_desc kQos{QMTNM_ID_QOS, "flush_qos_config", {4, 8}, [](int n, char *rec) {
-                         reinterpret_cast<qmtnm_qos_cfg *>(rec)->dscp = n % 64;
+                         reinterpret_cast<int32_t *>(rec)[1] = n % 64;
                      }};
 const area_desc kDdns{QMTNM_ID_DDNS, "flush_ddns_info", {4, 8, 40, 72, 104}, [](int n, char *rec) {
-                          auto *d = reinterpret_cast<qmtnm_ddns_cfg *>(rec);
-                          snprintf(d->domain, sizeof d->domain, "d%d.example.net", n);
-                          snprintf(d->username, sizeof d->username, "u%d", n);
-                          snprintf(d->password, sizeof d->password, "p%d", n);
+                          for (char *text = rec + 8; text < rec + 104; text += 32)
+                              snprintf(text, 32, "d%d.example.net", n);
                       }};
 
 int32_t set_n(const area_desc &a, int n, bool on = true) {
@@ -234,9 +218,8 @@ int32_t set_n(const area_desc &a, int n, bool on = true) {
 // some k: what a flush stopped after k keys leaves.
 bool old_or_new(const area_desc &a, int old, int neu) {
     record got(a.ends.back(), 0), o = a.make(old), n = a.make(neu);
-    if (qmtnm_lcl_get(a.id, got.data(), got.size()) != 0)
-        return false;
-    for (size_t k = 0; k <= a.ends.size(); ++k) {
+    bool read = qmtnm_lcl_get(a.id, got.data(), got.size()) == 0;
+    for (size_t k = 0; read && k <= a.ends.size(); ++k) {
         size_t split = k ? a.ends[k - 1] : 0;
         if (!memcmp(got.data(), n.data(), split) &&
             !memcmp(got.data() + split, o.data() + split, got.size() - split))
@@ -257,10 +240,9 @@ TEST_F(Stored, ASetStoresWhatItsCheckAcceptsAndASwitchedOffAreaOnlyItsSwitch) {
     ASSERT_GT(tamper("sta/ssid = \"" + S33 + "\""), 0);
     qmtnm_sta_cfg sta = {};
     sta.enable = 1;
-    memcpy(sta.ssid, S32.data(), S32.size());
-    memcpy(sta.wps_pin, "12345670", 8);
+    strcpy(sta.ssid, "net");
     EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_STA, &sta, 0), 0);
-    EXPECT_EQ(nmtest::stored_str("network_sta", "ssid"), S32);
+    EXPECT_EQ(nmtest::stored_str("network_sta", "ssid"), "net");
 }
 
 // ---- the store under faults ----
@@ -272,16 +254,16 @@ std::string check_db(const std::string &path, bool read_only = false) {
                       " 'PRAGMA integrity_check; SELECT count(*) FROM conf' 2>&1");
 }
 
-// What child processes leave for the parent, in memory shared with it.
+// What child processes leave for the parent, in zeroed memory shared with it.
 struct shared_block {
     int acked, read_ok;
     int32_t code;
 };
 
 shared_block *shared_blocks(size_t n) {
-    void *p = mmap(nullptr, n * sizeof(shared_block), PROT_READ | PROT_WRITE,
-                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    return static_cast<shared_block *>(memset(p, 0, n * sizeof(shared_block)));
+    return static_cast<shared_block *>(mmap(nullptr, n * sizeof(shared_block),
+                                            PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
+                                            0));
 }
 
 // Every case stores without applying and keeps the log quiet (children would block on a full
@@ -302,11 +284,10 @@ TEST_F(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFi
         {&kDdns, true, true, 100},    // the sets fit in the log's own space
         {&kDdns, false, false, 600}}; // alone on 1 MB, the log stays small
     shared_block *res = shared_blocks(1);
-    for (const auto &c : cases) {
-        const area_desc &a = *std::get<0>(c);
-        const bool log_frames = std::get<1>(c), full = std::get<2>(c);
-        const int count = std::get<3>(c);
-        const std::string dir = "/tmp/store-full-" + std::to_string(&c - cases),
+    int run = 0;
+    for (const auto &[area, log_frames, full, count] : cases) {
+        const area_desc &a = *area;
+        const std::string dir = "/tmp/store-full-" + std::to_string(run++),
                           db = dir + "/sysconf.db",
                           fill = "cat /dev/zero 2>/dev/null >>" + dir + "/filler";
         SCOPED_TRACE(db);
@@ -315,10 +296,8 @@ TEST_F(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFi
         // In a child on this store: sets records from..to until one fails, then reads back.
         auto sets = [&](int from, int to, bool filling) {
             res->read_ok = false;
-            if (pid_t pid = fork(); pid != 0) {
-                waitpid(pid, nullptr, 0);
-                return;
-            }
+            if (pid_t pid = fork(); pid != 0)
+                return void(waitpid(pid, nullptr, 0));
             setenv("SYSCONF_DB", db.c_str(), 1);
             if (from == 0)
                 nmtest::load_defaults();
@@ -362,8 +341,8 @@ TEST_F(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFi
 TEST_F(StoreFault, WritersKilledAtRandomPointsLeaveOldOrNewValues) {
     nmtest::load_defaults();
     const std::string rows = check_db(sysconf_db_path());
-    const char *env = getenv("QMTNM_FAULT_SEED");
-    const unsigned seed = env ? static_cast<unsigned>(atoi(env)) : std::random_device{}();
+    const char *env = getenv("QMTNM_FAULT_SEED"); // the seed of a failed run, to repeat it
+    const unsigned seed = env ? std::stoul(env) : std::random_device{}();
     std::mt19937 rng(seed);
     // DDNS and QoS in turn; every third writer may be killed while it opens the store.
     for (int t = 0, base = 0; t < 300; ++t) {
@@ -390,7 +369,6 @@ TEST_F(StoreFault, WritersKilledAtRandomPointsLeaveOldOrNewValues) {
         // Killed inside a set, the writer leaves the area's lock taken; nobody else is in.
         int v = -1;
         sem_getvalue(get_lcl_instance(a.id)->set_sem, &v);
-        ASSERT_LE(v, 1);
         if (v == 0)
             sem_post(get_lcl_instance(a.id)->set_sem);
         EXPECT_TRUE(old_or_new(a, last, last + 1)) << "last acknowledged " << last - base;
@@ -402,7 +380,6 @@ TEST_F(StoreFault, ConcurrentSettersAndThreadsLoseNoWrite) {
     // Processes forked after the parent used the store, each with a thread writing keys of its
     // own: QoS set by one process, DDNS by four at once.
     constexpr int kProcs = 5, kSets = 150;
-    const area_desc *plan[kProcs] = {&kQos, &kDdns, &kDdns, &kDdns, &kDdns};
     nmtest::load_defaults();
     const std::string rows = check_db(sysconf_db_path());
     shared_block *res = shared_blocks(kProcs);
@@ -421,7 +398,7 @@ TEST_F(StoreFault, ConcurrentSettersAndThreadsLoseNoWrite) {
                                 ("w" + std::to_string(slot * kSets + i)).c_str(), i);
         });
         for (int n = slot * 10000 + 1; n <= slot * 10000 + kSets; ++n) {
-            int32_t r = set_n(*plan[slot], n);
+            int32_t r = set_n(slot ? kDdns : kQos, n);
             res[slot].acked = r == 0 ? n : res[slot].acked;
             if (r != 0 && r != QMTNM_ERR(QMTNM_MODULE_CORE, QMTNM_R_BUSY))
                 res[slot].code = r;
