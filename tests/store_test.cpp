@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstring>
 #include <random>
-#include <semaphore.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -22,10 +21,6 @@ constexpr const char *D = "network";
 
 // ---- the library's access to the store ----
 
-class Store : public testing::Test {
-    void SetUp() override { nmtest::load_defaults(); }
-};
-
 // Loads "path = value" lines into the store, all or nothing.
 int load(std::string text, int replace = 0) {
     FILE *in = fmemopen(text.data(), text.size(), "r");
@@ -34,7 +29,8 @@ int load(std::string text, int replace = 0) {
     return r;
 }
 
-TEST_F(Store, ValuesRoundTripCutToTheReadersCapacityAndListsCountTheirElements) {
+TEST(Store, ValuesRoundTripCutToTheReadersCapacityAndListsCountTheirElements) {
+    nmtest::load_defaults();
     const std::tuple<const char *, int, const char *> rows[] = {
         {"a 'b' \"c\"", 64, "a 'b' \"c\""},
         {"", 64, ""},
@@ -69,7 +65,8 @@ TEST_F(Store, ValuesRoundTripCutToTheReadersCapacityAndListsCountTheirElements) 
               QMT_CONF_EFORMAT);
 }
 
-TEST_F(Store, IllFormedCallsAreRefusedAndWriteNothing) {
+TEST(Store, IllFormedCallsAreRefusedAndWriteNothing) {
+    nmtest::load_defaults();
     int v = 0; // arguments harmless for any prefix of the formats
     for (const char *f : {"", "%k%k", "%k%d", "%k%k%x", "%k%kd", "%k%k%s", "%k%k%d%d", "%k%k%r",
                           "%k%k%l%d", "%k%k%d ", "%", "%k%k%l"})
@@ -190,11 +187,11 @@ using record = std::vector<char>;
 
 struct area_desc {
     uint32_t id;
-    const char *flush;              // the persist step, which names a failed write in the log
-    std::vector<size_t> ends;       // where the stored fields end, in the order they are written
+    const char *flush;      // the persist step, which names a failed write in the log
+    std::vector<size_t> at; // where the stored fields begin, in the order they are written, and end
     void (*fill)(int n, char *rec); // record number n; n and n + 1 differ
     record make(int n, bool on = true) const {
-        record r(ends.back(), 0);
+        record r(at.back(), 0);
         fill(n, r.data());
         *reinterpret_cast<int32_t *>(r.data()) = on; // the switch comes first
         return r;
@@ -202,13 +199,14 @@ struct area_desc {
 };
 
 // QoS: the DSCP value; DDNS: the domain, the user name and the password, each of 32 bytes.
-const area_desc kQos{QMTNM_ID_QOS, "flush_qos_config", {4, 8}, [](int n, char *rec) {
+const area_desc kQos{QMTNM_ID_QOS, "flush_qos_config", {0, 4, 8}, [](int n, char *rec) {
                          reinterpret_cast<int32_t *>(rec)[1] = n % 64;
                      }};
-const area_desc kDdns{QMTNM_ID_DDNS, "flush_ddns_info", {4, 8, 40, 72, 104}, [](int n, char *rec) {
-                          for (char *text = rec + 8; text < rec + 104; text += 32)
-                              snprintf(text, 32, "d%d.example.net", n);
-                      }};
+const area_desc kDdns{
+    QMTNM_ID_DDNS, "flush_ddns_info", {0, 4, 8, 40, 72, 104}, [](int n, char *rec) {
+        for (char *text = rec + 8; text < rec + 104; text += 32)
+            snprintf(text, 32, "d%d.example.net", n);
+    }};
 
 int32_t set_n(const area_desc &a, int n, bool on = true) {
     return qmtnm_lcl_set(a.id, a.make(n, on).data(), 0);
@@ -217,14 +215,12 @@ int32_t set_n(const area_desc &a, int n, bool on = true) {
 // Whether the stored record holds the first k fields of record neu and the rest of old, for
 // some k: what a flush stopped after k keys leaves.
 bool old_or_new(const area_desc &a, int old, int neu) {
-    record got(a.ends.back(), 0), o = a.make(old), n = a.make(neu);
+    record got(a.at.back(), 0), o = a.make(old), n = a.make(neu);
     bool read = qmtnm_lcl_get(a.id, got.data(), got.size()) == 0;
-    for (size_t k = 0; read && k <= a.ends.size(); ++k) {
-        size_t split = k ? a.ends[k - 1] : 0;
-        if (!memcmp(got.data(), n.data(), split) &&
+    for (size_t split : a.at)
+        if (read && !memcmp(got.data(), n.data(), split) &&
             !memcmp(got.data() + split, o.data() + split, got.size() - split))
             return true;
-    }
     return false;
 }
 
@@ -284,11 +280,9 @@ TEST_F(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFi
         {&kDdns, true, true, 100},    // the sets fit in the log's own space
         {&kDdns, false, false, 600}}; // alone on 1 MB, the log stays small
     shared_block *res = shared_blocks(1);
-    int run = 0;
     for (const auto &[area, log_frames, full, count] : cases) {
         const area_desc &a = *area;
-        const std::string dir = "/tmp/store-full-" + std::to_string(run++),
-                          db = dir + "/sysconf.db",
+        const std::string dir = "/tmp/store-full", db = dir + "/sysconf.db",
                           fill = "cat /dev/zero 2>/dev/null >>" + dir + "/filler";
         SCOPED_TRACE(db);
         mkdir(dir.c_str(), 0755);
@@ -347,7 +341,7 @@ TEST_F(StoreFault, WritersKilledAtRandomPointsLeaveOldOrNewValues) {
     // DDNS and QoS in turn; every third writer may be killed while it opens the store.
     for (int t = 0, base = 0; t < 300; ++t) {
         const area_desc &a = t % 2 ? kQos : kDdns;
-        SCOPED_TRACE("trial " + std::to_string(t) + " seed " + std::to_string(seed));
+        SCOPED_TRACE(testing::Message() << "trial " << t << ", seed " << seed);
         ASSERT_EQ(set_n(a, base += 100000), 0);
         int ack[2], last = base, n = 0;
         ASSERT_EQ(pipe(ack), 0);
@@ -389,8 +383,7 @@ TEST_F(StoreFault, ConcurrentSettersAndThreadsLoseNoWrite) {
         if (fork() != 0)
             continue;
         close(start[1]);
-        char go;
-        if (read(start[0], &go, 1) != 0) // all start when the parent closes the pipe
+        if (char go; read(start[0], &go, 1) != 0) // all start when the parent closes the pipe
             _exit(2);
         std::thread keys([slot] {
             for (int i = 0; i < kSets; ++i)
