@@ -40,10 +40,9 @@ TEST(Store, ValuesRoundTripCutToTheReadersCapacityAndListsCountTheirElements) {
         {"x", 1, ""}};
     for (auto [stored, cap, expected] : rows) { // %K names the key as %k does
         ASSERT_EQ(qmt_conf_printf(D, "%k%k%s", "network_lan", "port", stored), 0);
-        char buf[72];
-        memset(buf, '#', sizeof buf);
-        ASSERT_EQ(qmt_conf_scanf(D, "%k%K%l%s", "network_lan", "port", cap, buf), 0);
-        EXPECT_STREQ(buf, expected);
+        std::string buf(72, '#');
+        ASSERT_EQ(qmt_conf_scanf(D, "%k%K%l%s", "network_lan", "port", cap, buf.data()), 0);
+        EXPECT_STREQ(buf.c_str(), expected);
         EXPECT_EQ(buf[cap], '#') << "wrote past the capacity " << cap;
     }
     // Writes and deletes of rules/#<index>/<key>, and the count of elements after each: the
@@ -52,15 +51,14 @@ TEST(Store, ValuesRoundTripCutToTheReadersCapacityAndListsCountTheirElements) {
         {"%k%k%i%k%d", 0, "begin_ip", 1}, {"%k%k%i%k%d", 1, "begin_ip", 2},
         {"%k%k%i%k%d", 1, "end_ip", 2},   {"%k%k%i%k%r", 1, "begin_ip", 2},
         {"%k%k%i%k%r", 1, "end_ip", 1},   {"%k%k%i%k%r", 1, "end_ip", 1}};
+    int n = -1;
     for (auto [format, index, key, count] : steps) {
-        int n = -1;
         ASSERT_EQ(qmt_conf_printf(D, format, "network_ipfilter", "rules", index, key, 7), 0);
         ASSERT_EQ(qmt_conf_scanf(D, "%k%k%z", "network_ipfilter", "rules", &n), 0);
         EXPECT_EQ(n, count) << format << " " << index << " " << key;
     }
-    int n = -1; // a group is not a list
     ASSERT_EQ(qmt_conf_scanf(D, "%k%k%z", "network_ipfilter", "common", &n), 0);
-    EXPECT_EQ(n, 0);
+    EXPECT_EQ(n, 0) << "a group is not a list";
     EXPECT_EQ(qmt_conf_printf(D, "%k%k%i%k%d", "network_ipfilter", "rules", -1, "x", 1),
               QMT_CONF_EFORMAT);
 }
@@ -87,12 +85,13 @@ TEST(Store, IllFormedCallsAreRefusedAndWriteNothing) {
 
 const auto invalid = [](uint32_t id) { return QMTNM_ERR(QMTNM_MODULE(id), QMTNM_R_INVALID); };
 
-// Stores "section/key = value" lines ('|' between them) below network/network_, as a hand-edited
-// store holds them.
-int tamper(const std::string &lines) {
-    std::string text = "network/network_" + lines + "\n";
+// Stores "section: key = value|key = value..." below network/network_<section>/, as a
+// hand-edited store holds it.
+int tamper(const std::string &row) {
+    const std::string section = "network/network_" + row.substr(0, row.find(':')) + "/";
+    std::string text = section + row.substr(row.find(':') + 2) + "\n";
     for (size_t at; (at = text.find('|')) != std::string::npos;)
-        text.replace(at, 1, "\nnetwork/network_");
+        text.replace(at, 1, "\n" + section);
     return load(text);
 }
 
@@ -108,31 +107,32 @@ const std::string refused; // by the read or the check, with the area's invalid 
 
 const struct stored_row {
     uint32_t id;
-    std::string lines; // "section/key = value", '|' between them
+    std::string lines; // "section: key = value|key = value..."
     std::string shown; // else a command or a file shows the applied text
 } kStoredRows[] = {
     {QMTNM_ID_IPFILTER,
-     "ipfilter/common/enable = 1|ipfilter/common/index = 1|ipfilter/rules/#0/"
-     "begin_ip = \"1;touch /tmp/p;\"|ipfilter/rules/#0/end_ip = \"1.1.1.9\"",
+     "ipfilter: common/enable = 1|common/index = 1|rules/#0/end_ip = \"1.1.1.9\""
+     "|rules/#0/begin_ip = \"1;touch /tmp/p;\"",
      refused},
-    {QMTNM_ID_DDNS, "ddns/enable = 1|ddns/domain = \"x;touch /tmp/q;\"", refused},
-    {QMTNM_ID_STA, "sta/enable = 1|sta/auth = 1|sta/index = 1|sta/password = \"$(reboot)x\"",
-     refused},
-    {QMTNM_ID_STA, "sta/enable = 1|sta/ssid = \"" + S33 + "\"", refused},
-    {QMTNM_ID_AP, "softap/auth = 3|softap/password = \"12345678\\nwpa=0\"", refused},
-    {QMTNM_ID_UPNP, "upnp/friendlyName = \"cam\\nsecure_mode=no\"", refused},
-    {QMTNM_ID_BONJOUR, "bonjour/hostname = \"cam\\n10.6.6.6\\tevil\"", refused},
-    {QMTNM_ID_PPPOE, "pppoe/enable = 1|pppoe/username = \"u\\nplugin /tmp/evil.so\"", refused},
-    {QMTNM_ID_QOS, "qos/enable = 1|qos/dscp = 99", refused},
-    {QMTNM_ID_LAN, "lan/method = 7", refused},
-    {QMTNM_ID_STA, "sta/enable = 1|sta/ssid = \"" + S32 + "\"", "set_network 0 ssid '\"" + S32},
     {QMTNM_ID_DDNS,
-     "ddns/enable = 1|ddns/domain = \"" + D32 + "\"|ddns/username = \"" + U32 +
-         "\"|ddns/password = \"p\"",
+     "ddns: enable = 1|domain = \"x;touch /tmp/q\"|username = \"u\"|password = \"p\"", refused},
+    {QMTNM_ID_STA, "sta: enable = 1|ssid = \"net\"|auth = 1|index = 1|password = \"$(reboot)x\"",
+     refused},
+    {QMTNM_ID_STA, "sta: enable = 1|ssid = \"" + S33 + "\"", refused},
+    {QMTNM_ID_AP, "softap: auth = 3|password = \"12345678\\nwpa=0\"", refused},
+    {QMTNM_ID_UPNP, "upnp: friendlyName = \"cam\\nsecure_mode=no\"", refused},
+    {QMTNM_ID_BONJOUR, "bonjour: hostname = \"cam\\n10.6.6.6\\tevil\"", refused},
+    {QMTNM_ID_PPPOE, "pppoe: enable = 1|username = \"u\\nplugin /tmp/evil.so\"|password = \"p\"",
+     refused},
+    {QMTNM_ID_QOS, "qos: enable = 1|dscp = 99", refused},
+    {QMTNM_ID_LAN, "lan: method = 7", refused},
+    {QMTNM_ID_STA, "sta: enable = 1|ssid = \"" + S32 + "\"", "set_network 0 ssid '\"" + S32},
+    {QMTNM_ID_DDNS,
+     "ddns: enable = 1|domain = \"" + D32 + "\"|username = \"" + U32 + "\"|password = \"p\"",
      "hostname=" + D32 + "&"},
-    {QMTNM_ID_PPPOE, "pppoe/enable = 1|pppoe/username = \"" + U32 + "\"|pppoe/password = \"p\"",
+    {QMTNM_ID_PPPOE, "pppoe: enable = 1|username = \"" + U32 + "\"|password = \"p\"",
      "name \"" + U32 + "\"\n"},
-    {QMTNM_ID_BONJOUR, "bonjour/hostname = \"" + H64 + "\"", "hostname '" + H64 + "'"},
+    {QMTNM_ID_BONJOUR, "bonjour: hostname = \"" + H64 + "\"", "hostname '" + H64 + "'"},
 };
 
 class Stored : public nmtest::area_test {};
@@ -150,8 +150,7 @@ TEST_F(Stored, StartUpRefusesHostileOrTooLongStoredTextAndAppliesTheRest) {
     nmtest::sh("echo wpa_state=INACTIVE >/var/nm/status_info;"
                "mkdir -p /etc/cron /var/spool/cron/crontabs /etc/ppp");
     for (const stored_row &r : kStoredRows) {
-        const std::string name = get_lcl_instance(r.id)->name;
-        SCOPED_TRACE(name + ": " + r.lines);
+        SCOPED_TRACE(r.lines);
         nmtest::load_defaults();
         ASSERT_GT(tamper(r.lines), 0);
         const int32_t code = r.shown == refused ? invalid(r.id) : 0;
@@ -168,9 +167,10 @@ TEST_F(Stored, StartUpRefusesHostileOrTooLongStoredTextAndAppliesTheRest) {
             EXPECT_NE(shown.find(r.shown), std::string::npos) << r.shown;
         } else {
             EXPECT_EQ(files(), before);
-            EXPECT_TRUE(nmtest::logs().contains(nmtest::logged(
-                "qmtnm_lcl_apply_stored", "stored " + name + " settings refused, not applied, " +
-                                              "errno = " + std::to_string(code))));
+            const std::string line = "stored " + std::string(get_lcl_instance(r.id)->name) +
+                                     " settings refused, not applied, errno = ";
+            EXPECT_TRUE(nmtest::logs().contains(
+                nmtest::logged("qmtnm_lcl_apply_stored", line + std::to_string(code))));
         }
         // At start-up every other area still runs; the first refusal is the result.
         nmtest::clear_commands();
@@ -232,7 +232,7 @@ TEST_F(Stored, ASetStoresWhatItsCheckAcceptsAndASwitchedOffAreaOnlyItsSwitch) {
     ASSERT_EQ(set_n(kDdns, 2, false), 0);
     EXPECT_EQ(nmtest::stored_str("network_ddns", "domain"), "d1.example.net");
     nmtest::set_activate_flag(1); // a set replaces a stored record that the read refuses
-    ASSERT_GT(tamper("sta/ssid = \"" + S33 + "\""), 0);
+    ASSERT_GT(tamper("sta: ssid = \"" + S33 + "\""), 0);
     qmtnm_sta_cfg sta = {};
     sta.enable = 1;
     strcpy(sta.ssid, "net");
