@@ -145,8 +145,7 @@ TEST_F(Stored, StartUpRefusesHostileOrTooLongStoredTextAndAppliesTheRest) {
     std::vector<uint32_t> order(QMTNM_ID_COUNT);
     order.resize(qmtnm_lcl_boot_order(order.data(), QMTNM_ID_COUNT));
     EXPECT_EQ(order, want);
-    // The station's read asks the supplicant for its state; the DDNS and PPPoE applies write
-    // into directories of their own.
+    // The station's read asks the supplicant's state; DDNS and PPPoE write into directories.
     nmtest::sh("echo wpa_state=INACTIVE >/var/nm/status_info;"
                "mkdir -p /etc/cron /var/spool/cron/crontabs /etc/ppp");
     for (const stored_row &r : kStoredRows) {
@@ -225,9 +224,10 @@ bool old_or_new(const area_desc &a, int old, int neu) {
 
 TEST_F(Stored, ASetStoresWhatItsCheckAcceptsAndASwitchedOffAreaOnlyItsSwitch) {
     nmtest::set_activate_flag(0); // a set only stores
-    qmtnm_qos_cfg qos = {1, 99};
-    EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_QOS, &qos, 0), invalid(QMTNM_ID_QOS));
-    EXPECT_EQ(qmtnm_lcl_apply_stored(QMTNM_ID_QOS), 0) << "the factory settings stay stored";
+    record hostile = kDdns.make(1);
+    strcpy(hostile.data() + offsetof(qmtnm_ddns_cfg, domain), "x;touch /tmp/q");
+    EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_DDNS, hostile.data(), 0), invalid(QMTNM_ID_DDNS));
+    EXPECT_EQ(qmtnm_lcl_apply_stored(QMTNM_ID_DDNS), 0) << "the factory settings stay stored";
     ASSERT_EQ(set_n(kDdns, 1), 0);
     ASSERT_EQ(set_n(kDdns, 2, false), 0);
     EXPECT_EQ(nmtest::stored_str("network_ddns", "domain"), "d1.example.net");
