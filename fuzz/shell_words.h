@@ -1,244 +1,139 @@
-// A small shell-word splitter, and a matcher of a command line against the template it was made
-// from. The splitter follows the shell's quoting: single quotes take everything up to the next
-// single quote; double quotes everything up to the next unescaped double quote, a backslash there
-// escaping only $ ` " \ and a newline; a backslash outside quotes escapes the next character.
-// Outside quotes, blanks end a word, ; & | < > ( ) make operators (a run of them is one
-// operator), a newline is an operator of its own, and a '#' that starts a word starts a comment.
-// A $ or ` outside single quotes (an expansion) fails the split: no command of the library has
-// one.
+// Whether a command line is what its template formats to, with every text the template takes
+// kept inside its place. The line is split into words as the shell does: single quotes take
+// everything up to the next one; double quotes up to the next unescaped one, a backslash there
+// escaping only $ ` " \ and a newline; a backslash elsewhere escapes the next character; blanks
+// end a word; ; & | < > ( ) make an operator (a run of them is one) and so does a newline alone;
+// a '#' that starts a word starts a comment. A $ or ` outside single quotes (an expansion) or an
+// unterminated quote fails the split: no command of the library has one.
 //
-// A template is the command as the area formats it, with %s standing for a text (the caller's,
-// or a stored one), %d for a decimal number and %a for a dotted address. A command matches a
-// template when it splits into the same operators and words, each word made of the template's
-// fixed characters (quoted as in the template) and, for each placeholder, characters that stay
-// what they are: any quoted character, or an unquoted one that the shell does not expand
-// (no * ? [ ] { }, no '~' where it is expanded), and not a '-' that starts the word (an
-// option).
+// In a template, %s stands for a text, %d for a decimal number and %a for a dotted address. The
+// line must split into the template's operators and words, each word made of the template's own
+// characters (quoted as there) and, for each %s, characters that reach the command as they are:
+// quoted, or not a pattern character (* ? [ ] { }) nor a '~' the shell expands (at a word's start,
+// after = or : in an assignment), and not a '-' that starts the word (an option).
 #pragma once
 
+#include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <string>
 #include <vector>
 
 namespace shell_words {
 
-struct cooked {
-    char c;
-    bool quoted;
-};
+// A word's characters, each +256 when quoted; an operator's are negative.
+using word = std::vector<int>;
 
-struct token {
-    bool op = false;
-    std::string text;          // an operator's characters
-    std::vector<cooked> chars; // a word's characters, quotes removed
-};
-
-struct split_result {
-    std::vector<token> tokens;
-    const char *error = nullptr; // an unterminated quote, or an expansion
-};
-
-inline bool is_op_char(char c) {
-    return c == ';' || c == '&' || c == '|' || c == '<' || c == '>' || c == '(' || c == ')' ||
-           c == '\n';
+inline bool one_of(const char *set, char c) {
+    return c != '\0' && strchr(set, c) != nullptr;
 }
 
-inline split_result split(const std::string &s) {
-    split_result out;
-    token word;
-    bool in_word = false;
-    auto end_word = [&] {
-        if (in_word)
-            out.tokens.push_back(word);
-        word = token{};
-        in_word = false;
+inline bool split(const std::string &s, std::vector<word> &out) {
+    word w;
+    bool in = false;
+    auto end = [&] {
+        if (in)
+            out.push_back(w);
+        w.clear();
+        in = false;
     };
     auto add = [&](char c, bool quoted) {
-        word.chars.push_back({c, quoted});
-        in_word = true;
+        w.push_back(static_cast<unsigned char>(c) + (quoted ? 256 : 0));
+        in = true;
     };
-    size_t i = 0;
-    while (i < s.size()) {
+    for (size_t i = 0; i < s.size(); ++i) {
         char c = s[i];
         if (c == ' ' || c == '\t') {
-            end_word();
-            ++i;
-        } else if (is_op_char(c)) {
-            end_word();
-            token op;
-            op.op = true;
-            if (c == '\n')
-                op.text = s[i++]; // a newline is an operator of its own
-            else
-                while (i < s.size() && is_op_char(s[i]) && s[i] != '\n')
-                    op.text += s[i++];
-            out.tokens.push_back(op);
-        } else if (c == '#' && !in_word) {
-            while (i < s.size() && s[i] != '\n')
-                ++i;
+            end();
+        } else if (one_of(";&|<>()\n", c)) {
+            end();
+            word op{-c};
+            while (c != '\n' && i + 1 < s.size() && one_of(";&|<>()", s[i + 1]))
+                op.push_back(-s[++i]);
+            out.push_back(op);
+        } else if (c == '#' && !in) {
+            i = std::min(s.find('\n', i), s.size()) - 1;
         } else if (c == '\\') {
-            if (i + 1 >= s.size()) {
+            if (i + 1 == s.size())
                 add(c, false);
-                ++i;
-            } else if (s[i + 1] == '\n') {
-                i += 2; // a line continuation
-            } else {
-                add(s[i + 1], true);
-                i += 2;
-            }
+            else if (s[++i] != '\n')
+                add(s[i], true);
         } else if (c == '\'') {
             size_t close = s.find('\'', i + 1);
-            if (close == std::string::npos) {
-                out.error = "unterminated single quote";
-                return out;
-            }
-            in_word = true;
-            for (size_t k = i + 1; k < close; ++k)
-                add(s[k], true);
-            i = close + 1;
+            if (close == std::string::npos)
+                return false;
+            in = true;
+            while (++i < close)
+                add(s[i], true);
         } else if (c == '"') {
-            in_word = true;
-            ++i;
-            for (;;) {
-                if (i >= s.size()) {
-                    out.error = "unterminated double quote";
-                    return out;
-                }
-                char d = s[i];
-                if (d == '"') {
-                    ++i;
-                    break;
-                }
-                if (d == '$' || d == '`') {
-                    out.error = "expansion inside double quotes";
-                    return out;
-                }
-                if (d == '\\' && i + 1 < s.size() &&
-                    (s[i + 1] == '$' || s[i + 1] == '`' || s[i + 1] == '"' || s[i + 1] == '\\' ||
-                     s[i + 1] == '\n')) {
-                    if (s[i + 1] != '\n')
-                        add(s[i + 1], true);
-                    i += 2;
+            in = true;
+            for (++i; i >= s.size() || s[i] != '"'; ++i) {
+                if (i >= s.size() || one_of("$`", s[i]))
+                    return false;
+                if (s[i] == '\\' && i + 1 < s.size() && one_of("$`\"\\\n", s[i + 1]) &&
+                    s[++i] == '\n')
                     continue;
-                }
-                add(d, true);
-                ++i;
+                add(s[i], true);
             }
-        } else if (c == '$' || c == '`') {
-            out.error = "expansion";
-            return out;
+        } else if (one_of("$`", c)) {
+            return false;
         } else {
             add(c, false);
-            ++i;
         }
     }
-    end_word();
-    return out;
-}
-
-// Placeholders, as the matcher sees them in a split template.
-constexpr char kText = '\x01';
-constexpr char kNumber = '\x02';
-constexpr char kAddress = '\x03';
-
-// The template with its placeholders as the marker characters above.
-inline std::string markers(const char *tmpl) {
-    std::string out;
-    for (const char *p = tmpl; *p; ++p) {
-        if (p[0] == '%' && (p[1] == 's' || p[1] == 'd' || p[1] == 'a')) {
-            out += p[1] == 's' ? kText : p[1] == 'd' ? kNumber : kAddress;
-            ++p;
-        } else {
-            out += *p;
-        }
-    }
-    return out;
+    end();
+    return true;
 }
 
 // Whether the word starts with an unquoted NAME=, a variable assignment.
-inline bool assignment(const std::vector<cooked> &w) {
-    for (size_t i = 0; i < w.size() && !w[i].quoted; ++i) {
-        char c = w[i].c;
-        if (c == '=')
-            return i > 0;
-        bool letter = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-        if (!letter && !(i > 0 && c >= '0' && c <= '9'))
-            return false;
-    }
-    return false;
+inline bool assignment(const word &w) {
+    size_t i = 0;
+    while (i < w.size() && w[i] < 128 && (isalpha(w[i]) || w[i] == '_' || (i && isdigit(w[i]))))
+        ++i;
+    return i > 0 && i < w.size() && w[i] == '=';
 }
 
-// Whether w[i] reaches the command as it stands: quoted, or not a pattern character, and not a
-// '~' where the shell expands it (a word's start; after '=' or ':' in an assignment).
-inline bool stays_itself(const std::vector<cooked> &w, size_t i) {
-    const cooked &ch = w[i];
-    if (ch.quoted)
-        return true;
-    switch (ch.c) {
-    case '*':
-    case '?':
-    case '[':
-    case ']':
-    case '{':
-    case '}':
+// Whether w[i], in the place of a placeholder p ('s', 'd' or 'a') starting at w[from], is one of
+// its characters.
+inline bool fits(char p, const word &w, size_t i, size_t from) {
+    int c = w[i] & 255;
+    if (p != 's')
+        return isdigit(c) || c == (p == 'a' ? '.' : i == from ? '-' : -1);
+    if (i == 0 && c == '-')
         return false;
-    case '~':
-        return i > 0 &&
-               !(assignment(w) && !w[i - 1].quoted && (w[i - 1].c == '=' || w[i - 1].c == ':'));
-    default:
+    if (w[i] > 255)
         return true;
-    }
+    if (one_of("*?[]{}", static_cast<char>(c)))
+        return false;
+    return c != '~' || (i > 0 && !(assignment(w) && w[i - 1] < 256 &&
+                                   one_of("=:", static_cast<char>(w[i - 1]))));
 }
 
-inline bool number_char(const cooked &ch, bool first) {
-    return (ch.c >= '0' && ch.c <= '9') || (first && ch.c == '-');
-}
-
-inline bool address_char(const cooked &ch) {
-    return (ch.c >= '0' && ch.c <= '9') || ch.c == '.';
-}
-
-inline bool match_word(const std::vector<cooked> &t, size_t ti, const std::vector<cooked> &w,
-                       size_t wi) {
+// Whether w[wi..] matches the template word t[ti..] (placeholders as '%' then their letter).
+inline bool match(const word &t, size_t ti, const word &w, size_t wi) {
     if (ti == t.size())
         return wi == w.size();
-    const char m = t[ti].c;
-    if (m == kText || m == kNumber || m == kAddress) {
-        for (size_t end = wi;; ++end) {
-            if (end > wi) {
-                const cooked &ch = w[end - 1];
-                bool ok = m == kText ? stays_itself(w, end - 1) && !(end - 1 == 0 && ch.c == '-')
-                          : m == kNumber ? number_char(ch, end - 1 == wi)
-                                         : address_char(ch);
-                if (!ok)
-                    return false;
-                if (match_word(t, ti + 1, w, end))
-                    return true;
-            } else if (m == kText && match_word(t, ti + 1, w, end)) {
-                return true; // an empty text
-            }
-            if (end == w.size())
-                return false;
-        }
+    if ((t[ti] & 255) != '%' || ti + 1 == t.size() || !one_of("sda", static_cast<char>(t[ti + 1])))
+        return wi < w.size() && w[wi] == t[ti] && match(t, ti + 1, w, wi + 1);
+    char p = static_cast<char>(t[ti + 1] & 255);
+    for (size_t end = wi;; ++end) {
+        if (end > wi && !fits(p, w, end - 1, wi))
+            return false;
+        if ((end > wi || p == 's') && match(t, ti + 2, w, end))
+            return true;
+        if (end == w.size())
+            return false;
     }
-    if (wi == w.size() || w[wi].c != m || w[wi].quoted != t[ti].quoted)
-        return false;
-    return match_word(t, ti + 1, w, wi + 1);
 }
 
-// Whether command is what tmpl (with its %s, %d, %a) formats to, every placeholder's text
-// inside its place.
-inline bool matches(const std::string &command, const char *tmpl) {
-    split_result c = split(command);
-    split_result t = split(markers(tmpl));
-    if (c.error || t.error || c.tokens.size() != t.tokens.size())
+inline bool matches(const std::string &line, const char *tmpl) {
+    std::vector<word> l, t;
+    if (!split(line, l) || !split(tmpl, t) || l.size() != t.size())
         return false;
-    for (size_t i = 0; i < c.tokens.size(); ++i) {
-        const token &ct = c.tokens[i], &tt = t.tokens[i];
-        if (ct.op != tt.op)
+    auto op = [](const word &w) { return !w.empty() && w[0] < 0; };
+    for (size_t i = 0; i < l.size(); ++i)
+        if (op(l[i]) || op(t[i]) ? l[i] != t[i] : !match(t[i], 0, l[i], 0))
             return false;
-        if (ct.op ? ct.text != tt.text : !match_word(tt.chars, 0, ct.chars, 0))
-            return false;
-    }
     return true;
 }
 
