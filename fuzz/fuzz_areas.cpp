@@ -1,24 +1,21 @@
-// Fuzzes the configuration areas with settings records. Input: byte 0 is an area's instance id
-// (one with no row is skipped), the rest the record's bytes (cut at, or zero-filled to, the size
-// of its row) in a heap block of exactly that size. A record the check passes goes to the compare,
-// activate, apply and persist, as the library's set runs them; one it refuses goes to the apply,
-// which must refuse it and run nothing, and is then stored and applied by the start-up apply, as
-// a tampered store would be. Besides the sanitizers: a check returns 0 or the area's invalid-input
-// code; a persist of a checked record succeeds; the start-up apply returns no positive result;
-// every command run (recorded by this file's system(), never run) and every shell script written
-// is one of the area's templates with each text kept in its place (shell_words.h). The store is
-// reset to the factory settings before every input. The areas write under /etc, /var and /tmp:
-// the target runs only where those are overlays of its own (tests/ns-run).
+// Fuzzes the configuration areas. Input: byte 0 names an area's row, the rest is its record (cut
+// at, or zero-filled to, the row's size, in a heap block of exactly that size). A record the check
+// passes goes through compare, activate, apply and persist as the library's set runs them; one it
+// refuses goes to the apply, which must refuse it running nothing, and is then stored and applied
+// at start-up as from a tampered store. Checked: a check returns 0 or the area's invalid-input
+// code, a persist after a passed check succeeds, the start-up apply returns no positive result,
+// and every command run (system() here records it) and shell script written is one of the area's
+// templates, each text kept in its place (shell_words.h). The store is reset before every input.
+// The areas write under /etc, /var and /tmp: the target runs only in tests/ns-run's overlays.
 #include "core/lcl_core.h"
 #include "fuzz_common.h"
 #include "qmt_conf.h"
 #include "qmtnm.h"
 #include "shell_words.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <fstream>
-#include <memory>
-#include <sstream>
+#include <iterator>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -26,29 +23,25 @@
 
 namespace {
 
-std::vector<std::string> recorded;
-std::string factory_settings;
-int log_fd = -1;
-
-#define WPA "wpa_cli -p/var/run/wpa_supplicant "
-#define LED " >/sys/class/leds/wifi_led/"
-#define NUL " &>/dev/null"
-
 struct area_row {
     uint32_t id;
     lcl_instance *inst;
     size_t size; // the record's bytes
     std::vector<const char *> commands;
     const char *script = nullptr, *script_tmpl = nullptr; // a file the apply writes for the shell
-    const char *feed = nullptr; // instead of a record: the input goes here, and the get reads it
+    const char *feed = nullptr; // instead of a record: the input goes here, the get reads it
 };
 
+#define WPA "wpa_cli -p/var/run/wpa_supplicant "
+#define LED " >/sys/class/leds/wifi_led/"
+#define NUL " &>/dev/null"
+#define IPT "iptables -t mangle -"
+#define IPF "iptables -A ipf_chain -m iprange --src-range %a-%a -p tcp --dport 80 -j "
 // clang-format off
 const area_row kAreas[] = {
-    {QMTNM_ID_QOS, &qos_lcl, sizeof(qmtnm_qos_cfg), {"iptables -t mangle -D OUTPUT -j qos_mangle_chain" NUL,
-        "iptables -t mangle -F qos_mangle_chain" NUL, "iptables -t mangle -X qos_mangle_chain" NUL,
-        "iptables -t mangle -N qos_mangle_chain", "iptables -t mangle -A OUTPUT -j qos_mangle_chain",
-        "iptables -t mangle -A qos_mangle_chain -j DSCP --set-dscp %d"}},
+    {QMTNM_ID_QOS, &qos_lcl, sizeof(qmtnm_qos_cfg), {IPT "D OUTPUT -j qos_mangle_chain" NUL,
+        IPT "F qos_mangle_chain" NUL, IPT "X qos_mangle_chain" NUL, IPT "N qos_mangle_chain",
+        IPT "A OUTPUT -j qos_mangle_chain", IPT "A qos_mangle_chain -j DSCP --set-dscp %d"}},
     {QMTNM_ID_WAN, &wan_lcl, sizeof(qmtnm_wan_cfg), {"killall udhcpc > /dev/null",
         "rm -f /var/nm/udhcpc-*.pid >/dev/null", "udhcpc -i %s -p /var/nm/udhcpd-%s.pid  &",
         "ifconfig %s %a", "ifconfig %s netmask %a", "route del default" NUL,
@@ -57,7 +50,7 @@ const area_row kAreas[] = {
         "killall udhcpd" NUL, "udhcpd /var/nm/udhcpd.conf"}},
     {QMTNM_ID_BR, &br_lcl, sizeof(qmtnm_br_cfg), {}},
     {QMTNM_ID_ETHTYPE, &ethtype_lcl, sizeof(qmtnm_ethtype_cfg), {}},
-    // The MAC text: the longest the check takes, with its terminator, and one byte more.
+    // The MAC text: the longest the check takes, its terminator, and one byte more.
     {QMTNM_ID_ETHMAC, &ethmac_lcl, QMTNM_MAC_TEXT_MAX + 1, {"ifconfig eth0 down",
         "ifconfig eth0 hw ether %s", "ifconfig eth0 up"}},
     {QMTNM_ID_PPPOE, &pppoe_lcl, sizeof(qmtnm_pppoe_cfg), {"killall pppd" NUL, "pppd &"}},
@@ -85,104 +78,84 @@ const area_row kAreas[] = {
     {QMTNM_ID_BONJOUR, &bonjour_lcl, sizeof(qmtnm_bonjour_cfg), {"killall mDNSResponderPosix" NUL,
         "rm -f /var/run/mDNSResponder.pid" NUL, "hostname '%s'",
         "/bin/mDNSResponderPosix -n -t _http._tcp. -p 80 -b &"}},
-    {QMTNM_ID_IPFILTER, &ipfilter_lcl, sizeof(qmtnm_ipfilter_cfg), {"iptables -D INPUT -j ipf_chain" NUL,
-        "iptables -F ipf_chain" NUL, "iptables -X ipf_chain" NUL, "iptables -N ipf_chain",
+    {QMTNM_ID_IPFILTER, &ipfilter_lcl, sizeof(qmtnm_ipfilter_cfg), {"iptables -N ipf_chain",
+        "iptables -D INPUT -j ipf_chain" NUL, "iptables -F ipf_chain" NUL, "iptables -X ipf_chain" NUL,
         "iptables -A INPUT -j ipf_chain", "iptables -A ipf_chain -p tcp --dport 80 -j DROP",
-        "iptables -A ipf_chain -m iprange --src-range %a-%a -p tcp --dport 80 -j ACCEPT\n",
-        "iptables -A ipf_chain -m iprange --src-range %a-%a -p tcp --dport 80 -j DROP\n"}},
+        IPF "ACCEPT\n", IPF "DROP\n"}},
     // The scan table that wpa_cli leaves, into three entries' room.
     {QMTNM_ID_SCANRESULT, &scanresult_lcl, 3 * sizeof(qmtnm_scan_entry), {}, nullptr, nullptr,
         "/var/nm/scan_info"},
 };
-// The matcher must tell a command that keeps its texts in place from one that does not.
+// What the matcher must tell apart: texts kept in their places, and ones that are not.
 const struct { const char *command, *tmpl; bool ok; } kMatcherCases[] = {
-    {"hostname 'it'\\''s'", "hostname '%s'", true}, {"hostname 'a b;c|d&e'", "hostname '%s'", true},
-    {"hostname 'a'b'", "hostname '%s'", false}, {"hostname 'a' 'b'", "hostname '%s'", false},
-    {"hostname 'a';reboot''", "hostname '%s'", false}, {"hostname '-n'", "hostname '%s'", false},
-    {"hostname 'a'$(reboot)''", "hostname '%s'", false}, {"hostname 'a'*''", "hostname '%s'", false},
-    {"hostname 'a'`reboot`''", "hostname '%s'", false}, {"e ;", "e %s", false}, {"e #02", "e %s", false},
-    {"e 02:11:22:33:44:55", "e %s", true}, {"e 02:11\nreboot", "e %s", false}, {"e", "e %s", false},
+    {"h 'it'\\''s'", "h '%s'", true}, {"h 'a b;c|d&e'", "h '%s'", true}, {"h 'a'b'", "h '%s'", false},
+    {"h 'a' 'b'", "h '%s'", false}, {"h 'a';reboot''", "h '%s'", false}, {"h '-n'", "h '%s'", false},
+    {"h 'a'$(reboot)''", "h '%s'", false}, {"h 'a'*''", "h '%s'", false}, {"e ;", "e %s", false},
+    {"h 'a'`reboot`''", "h '%s'", false}, {"e #02", "e %s", false}, {"e 02:11\nx", "e %s", false},
+    {"e 02:11:22:33:44:55", "e %s", true}, {"e", "e %s", false}, {"w X=a:~root", "w X=%s", false},
     {"x 1.2.3.4-1.2.3.5 -j\n", "x %a-%a -j\n", true}, {"x 1.2.3.4 -1.2.3.5 -j\n", "x %a-%a -j\n", false},
-    {"r gw 10.0.0.1 &>/dev/null", "r gw %a" NUL, true}, {"r gw 10.0.0.1 & >/dev/null", "r gw %a" NUL, false},
+    {"r 10.0.0.1 &>/dev/null", "r %a" NUL, true}, {"r 10.0.0.1 & >/dev/null", "r %a" NUL, false},
     {"p wep_key3 0123456789", "p wep_key%d %s", true}, {"w http://a:~b@h", "w http://%s:%s@h", true},
-    {"w ~root", "w %s", false}, {"w X=a:~root", "w X=%s", false}, {"p \"a\\\"b\" c", "p \"%s\" c", true},
-    {"p \"a\"b\" c", "p \"%s\" c", false},
+    {"w ~root", "w %s", false}, {"h 'a'\"b\"''", "h '%s'", false},
 };
 // clang-format on
 
-[[noreturn]] void refuse(const char *why) {
-    fprintf(stderr, "fuzz_areas: %s\n", why);
-    exit(1);
-}
+std::vector<std::string> recorded;
+std::string factory_settings;
+int log_fd = -1;
 
-// The text with its control characters and backslashes as \xNN, for a report.
-std::string shown(const std::string &s) {
-    std::string out;
-    char hex[8];
-    for (unsigned char c : s)
-        out +=
-            (snprintf(hex, sizeof hex, c == '\\' || c < 32 || c > 126 ? "\\x%02x" : "%c", c), hex);
-    return out;
-}
+#define refuse(why) (fputs("fuzz_areas: " why "\n", stderr), exit(1))
 
 std::string read_file(const char *path) {
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
+    std::ifstream f(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), {}};
 }
 
 void check_commands(const area_row &row) {
     for (const std::string &cmd : recorded)
         if (std::none_of(row.commands.begin(), row.commands.end(),
                          [&](const char *t) { return shell_words::matches(cmd, t); }))
-            property_failed("%s ran \"%s\"", row.inst->name, shown(cmd).c_str());
+            property_failed("%s ran \"%s\"", row.inst->name, cmd.c_str());
     std::string script = row.script ? read_file(row.script) : "";
     if (!script.empty() && !shell_words::matches(script, row.script_tmpl))
-        property_failed("%s wrote %s \"%s\"", row.inst->name, row.script, shown(script).c_str());
-}
-
-// A record the check refuses: the instance's apply refuses it too, running nothing; stored past
-// the check, the start-up apply (read, check, apply) runs only the area's commands.
-void refused(const area_row &row, void *rec, int32_t invalid) {
-    lcl_instance *inst = row.inst;
-    if (inst->set && (inst->set(inst, rec, 0) != invalid || !recorded.empty()))
-        property_failed("%s applied a refused record (\"%s\")", inst->name,
-                        recorded.empty() ? "" : shown(recorded[0]).c_str());
-    if (inst->flush == nullptr)
-        return;
-    inst->flush(inst, rec, 0);
-    size_t count = 0;
-    const nm::stored_apply *order = nm::boot_order(&count);
-    for (size_t i = 0; i < count; ++i)
-        if (order[i].inst == inst && nm::apply_stored_locked(order[i]) > 0)
-            property_failed("%s: the start-up apply returned a positive result", inst->name);
+        property_failed("%s wrote %s \"%s\"", row.inst->name, row.script, script.c_str());
 }
 
 void run(const area_row &row, const uint8_t *data, size_t size) {
     lcl_instance *inst = row.inst;
-    std::unique_ptr<char[]> rec(new char[row.size]());
-    if (row.feed) { // the get must return -2 .. entries - 2
+    std::vector<char> rec(row.size);
+    if (row.feed) { // the get returns -2 .. entries - 2
         std::ofstream(row.feed, std::ios::binary).write(reinterpret_cast<const char *>(data), size);
-        int32_t r = inst->get(inst, rec.get(), row.size);
+        int32_t r = inst->get(inst, rec.data(), row.size);
         if (r < -2 || r > static_cast<int32_t>(row.size / sizeof(qmtnm_scan_entry)) - 2)
             property_failed("%s: get returned %d", inst->name, r);
         return;
     }
-    std::copy(data, data + std::min(size, row.size), rec.get());
+    std::copy(data, data + std::min(size, row.size), rec.data());
     const int32_t invalid = QMTNM_ERR(QMTNM_MODULE(row.id), QMTNM_R_INVALID);
-    int32_t r = inst->check ? inst->check(inst, rec.get(), 0) : 0, changed = 0;
+    int32_t r = inst->check ? inst->check(inst, rec.data(), 0) : 0, changed = 0;
     uint32_t activate = 1;
     if (r != 0 && r != invalid)
         property_failed("%s: check returned %d", inst->name, r);
-    if (r != 0)
-        return refused(row, rec.get(), invalid);
+    if (r != 0) { // the apply refuses it too; stored past the check, the start-up apply reads it
+        if (inst->set && (inst->set(inst, rec.data(), 0) != invalid || !recorded.empty()))
+            property_failed("%s applied a record its check refuses", inst->name);
+        size_t count = 0;
+        const nm::stored_apply *order = nm::boot_order(&count);
+        if (inst->flush)
+            inst->flush(inst, rec.data(), 0);
+        for (size_t i = 0; inst->flush && i < count; ++i)
+            if (order[i].inst == inst && nm::apply_stored_locked(order[i]) > 0)
+                property_failed("%s: the start-up apply returned a positive result", inst->name);
+        return;
+    }
     if (inst->nochange)
-        inst->nochange(inst, rec.get(), 0, &changed);
+        inst->nochange(inst, rec.data(), 0, &changed);
     if (inst->activate_now)
-        inst->activate_now(inst, rec.get(), 0, &activate);
+        inst->activate_now(inst, rec.data(), 0, &activate);
     if (inst->set)
-        inst->set(inst, rec.get(), 0);
-    if (inst->flush && (r = inst->flush(inst, rec.get(), 0)) != 0)
+        inst->set(inst, rec.data(), 0);
+    if (inst->flush && (r = inst->flush(inst, rec.data(), 0)) != 0)
         property_failed("%s: persist returned %d", inst->name, r);
 }
 
@@ -197,26 +170,21 @@ extern "C" int system(const char *cmd) {
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
     std::string mounts = read_file("/proc/self/mountinfo");
     for (const char *d : {" /etc ", " /var ", " /tmp ", " /dev "}) {
-        size_t at = mounts.rfind(d); // the last mount there is what the process sees
+        size_t at = mounts.rfind(d); // the last mount there is the one the process sees
         if (at == std::string::npos || mounts.find(" - overlay ", at) > mounts.find('\n', at))
             refuse("the areas write under /etc, /var and /tmp: run under tests/ns-run");
     }
     factory_settings = read_file(QMTNM_DEFAULTS_CONF);
     if (getenv("SYSCONF_DB") == nullptr || factory_settings.empty())
-        refuse(
-            "SYSCONF_DB must name the store, and the factory settings be at " QMTNM_DEFAULTS_CONF);
+        refuse("no SYSCONF_DB, or no factory settings at " QMTNM_DEFAULTS_CONF);
     if (access("/sys/class/leds/wifi_led", F_OK) == 0) // a WPS set would wait for a link
         refuse("the Wi-Fi LED exists here");
     for (const auto &c : kMatcherCases)
         if (shell_words::matches(c.command, c.tmpl) != c.ok)
-            property_failed("the matcher says %s to \"%s\" against \"%s\"", c.ok ? "no" : "yes",
-                            shown(c.command).c_str(), shown(c.tmpl).c_str());
-    for (const char *dir : {"/var/nm", "/var/conf", "/etc/ppp", "/etc/cron", "/var/spool",
-                            "/var/spool/cron", "/var/spool/cron/crontabs"})
-        if (mkdir(dir, 0755) != 0 && errno != EEXIST)
-            refuse("cannot make the areas' directories");
-    // The library's syslog lines come to this socket, to be dropped.
-    sockaddr_un addr{AF_UNIX, "/dev/log"};
+            property_failed("the matcher says %d to \"%s\" against \"%s\"", !c.ok, c.command,
+                            c.tmpl);
+    mkdir("/var/spool/cron/crontabs", 0755); // the rest are tests/ns-run's
+    sockaddr_un addr{AF_UNIX, "/dev/log"};   // the library's syslog lines come here, to be dropped
     log_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     unlink(addr.sun_path);
     if (log_fd < 0 || bind(log_fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0)
@@ -229,19 +197,18 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    char buf[1024];
     for (const area_row &row : kAreas) {
         if (size == 0 || row.id != data[0])
             continue;
         FILE *f = fmemopen(factory_settings.data(), factory_settings.size(), "r");
-        if (f == nullptr || sysconf_load(f, 1) <= 0)
+        if (f == nullptr || sysconf_load(f, 1) <= 0 || fclose(f) != 0)
             refuse("cannot load the factory settings into the store");
-        fclose(f);
         recorded.clear();
         if (row.script)
             unlink(row.script);
         run(row, data + 1, size - 1);
         check_commands(row);
-        char buf[1024];
         while (recv(log_fd, buf, sizeof buf, MSG_DONTWAIT) > 0) {
         }
     }

@@ -1,23 +1,9 @@
-// Shared by the fuzz targets.
+// Shared by the fuzz targets: a broken property stops the run (libFuzzer keeps the input).
 #pragma once
 
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
-// Reports a property the input broke and stops the run (libFuzzer keeps the input).
-[[noreturn]] __attribute__((format(printf, 1, 2))) inline void property_failed(const char *fmt,
-                                                                               ...) {
-    va_list ap;
-    va_start(ap, fmt);
-    fputs("property failed: ", stderr);
-    vfprintf(stderr, fmt, ap);
-    fputc('\n', stderr);
-    abort();
-}
-
-// The parsers and the hardware store's client print as they go.
-inline void quiet_stdout() {
-    if (freopen("/dev/null", "w", stdout) == nullptr)
-        abort();
-}
+#define property_failed(...)                                                                       \
+    (fputs("property failed: ", stderr), fprintf(stderr, __VA_ARGS__), fputc('\n', stderr), abort())
+#define quiet_stdout() (freopen("/dev/null", "w", stdout) ? (void)0 : abort())
