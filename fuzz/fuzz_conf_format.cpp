@@ -11,13 +11,6 @@
 #include "fuzz_common.h"
 #include "qmt_conf.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <memory>
-#include <string>
-#include <vector>
-
 namespace {
 
 constexpr size_t kMaxArgs = 8;
@@ -58,26 +51,21 @@ void build(call &c, const std::vector<std::string> &fields, size_t next) {
         const char l = c.format[pos + 1];
         if (strchr("kKilsdzr", l) == nullptr || (l != 'r' && c.args.size() == kMaxArgs))
             break;
-        const bool from_field = strchr("kKil", l) || (c.write && strchr("sd", l));
-        const char *f = from_field && next < fields.size() ? fields[next++].c_str() : nullptr;
-        const int n =
-            f ? static_cast<int>(std::clamp(strtoll(f, nullptr, 0), -(1LL << 31), (1LL << 31) - 1))
-              : l == 'l';
+        const bool takes = strchr("kKil", l) || (c.write && strchr("sd", l)); // a caller's value
+        const char *f = takes && next < fields.size() ? fields[next++].c_str() : nullptr;
+        arg a{l, strchr("il", l) != nullptr || (c.write && l == 'd'), l == 'l', nullptr};
+        if (a.is_int && f)
+            a.value =
+                static_cast<int>(std::clamp(strtoll(f, nullptr, 0), -(1LL << 31), (1LL << 31) - 1));
+        if (l == 'l')
+            capacity = a.value = std::min(a.value, 65536);
+        else if (takes && !a.is_int)
+            a.ptr = const_cast<char *>(!f ? "" : strcmp(f, "\x01") ? f : nullptr);
+        else if (!a.is_int)
+            a.ptr = c.alloc(a.value = l == 's' ? std::max(capacity, 1) : sizeof(int));
         c.action = strchr("sdzr", l) ? l : 0;
-        capacity = l == 'l' ? std::min(n, 65536) : capacity;
-        const bool is_int = strchr("il", l) || (c.write && l == 'd');
-        const bool text = strchr("kK", l) || (c.write && l == 's');
-        const int size = l == 's' ? std::max(capacity, 1) : sizeof(int);
         if (l != 'r')
-            c.args.push_back({l, is_int,
-                              l == 'l' ? capacity
-                              : is_int ? n
-                                       : size,
-                              is_int ? nullptr
-                              : text ? const_cast<char *>(!f                  ? ""
-                                                          : strcmp(f, "\x01") ? f
-                                                                              : nullptr)
-                                     : c.alloc(size)});
+            c.args.push_back(a);
     }
     if (!c.action && c.args.size() == kMaxArgs && pos + 1 < c.format.size() && c.format[pos] == '%')
         c.format.resize(pos); // past the last argument, only directives that consume none
@@ -86,7 +74,7 @@ void build(call &c, const std::vector<std::string> &fields, size_t next) {
 // After a successful write of a value or a delete, reads the same path back.
 void check_written(const call &w) {
     const bool str = w.action == 's';
-    const char *text = str ? static_cast<char *>(w.args.back().ptr) : nullptr;
+    const char *text = str ? static_cast<char *>(w.args.back().ptr) : "";
     const int n = str ? static_cast<int>(strlen(text) + 1) : sizeof(int);
     call r{false, w.domain, "", {w.args.begin(), w.args.end() - (w.action != 'r')}};
     for (const arg &a : r.args)
@@ -98,10 +86,10 @@ void check_written(const call &w) {
     if (n > 65536 || r.args.size() > kMaxArgs)
         return;
     const int got = run(r);
-    if (w.action == 'r'
-            ? got != QMT_CONF_ENOENT
-            : got < 0 || memcmp(r.args.back().ptr,
-                                str ? static_cast<const void *>(text) : &w.args.back().value, n))
+    const auto *out = static_cast<char *>(r.args.back().ptr);
+    if (w.action == 'r' ? got != QMT_CONF_ENOENT
+                        : got < 0 || (str ? strcmp(out, text) != 0
+                                          : memcmp(out, &w.args.back().value, sizeof(int)) != 0))
         property_failed("%%%c written by \"%s\" does not read back", w.action, w.format.c_str());
 }
 
@@ -125,14 +113,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     build(c, fields, next + 1); // the format is a C string: it ends at its first NUL
     if (run(c) < 0 || !c.action)
         return 0;
-    const arg &last = c.args.back();
-    if (c.write && strchr("sdr", c.action))
-        check_written(c);
-    else if (!c.write && c.action == 's' &&
-             strnlen(static_cast<char *>(last.ptr), last.value) >= size_t(last.value))
+    if (c.write) // a value (s d) or a delete (r): the parser takes nothing else
+        return check_written(c), 0;
+    const arg &last = c.args.back(); // a read: s, d or z
+    if (c.action == 's' && strnlen(static_cast<char *>(last.ptr), last.value) >= size_t(last.value))
         property_failed("a read string unterminated in %d bytes (\"%s\")", last.value,
                         c.format.c_str());
-    else if (!c.write && c.action == 'z' && *static_cast<int *>(last.ptr) < 0)
+    if (c.action == 'z' && *static_cast<int *>(last.ptr) < 0)
         property_failed("a read count of %d (\"%s\")", *static_cast<int *>(last.ptr),
                         c.format.c_str());
     return 0;

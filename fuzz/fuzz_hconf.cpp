@@ -6,12 +6,6 @@
 #include "fuzz_common.h"
 #include "qmt_hconf.h"
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <memory>
-#include <string>
-
 namespace {
 
 // The record's line as qmt_hconf_save writes it (no newline); empty for none.

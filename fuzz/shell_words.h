@@ -1,17 +1,16 @@
 // Whether a command line is what its template formats to, each text the template takes kept in
-// its place. Lines split into words as the shell does: '...' quotes all, a backslash quotes the
-// next character, blanks end a word, ; & | < > ( ) make an operator (a run of them is one) as
-// does a newline alone, and a '#' starting a word starts a comment. An expansion ($ or `), a
-// double quote or an unterminated quote fails the split: no command of the library has one. In a
-// template %s is a text, %d a number and %a a dotted address. A text's characters must reach the
-// command as they are: quoted, or not a pattern character (* ? [ ] { }) nor a '~' the shell
-// expands (at a word's start, after = or : in an assignment), and not a '-' starting the word.
+// its place. Lines split into words as the shell does: '...' quotes all, a backslash the next
+// character, blanks end a word, ; & | < > ( ) make an operator (a run of them is one) as does a
+// newline, and a '#' starting a word starts a comment; an expansion ($ `), a double quote, an
+// unterminated quote or a closing backslash fails the split. In a template %s is a text, %d a
+// number, %a an address. A text's characters must reach the command as they are: quoted, or not
+// a pattern character (* ? [ ] { }) nor a '~' the shell expands (at a word's start, after = or :
+// in an assignment), and not a '-' starting the word (an option).
 #pragma once
 
+#include "fuzz_common.h"
+
 #include <cctype>
-#include <cstring>
-#include <string>
-#include <vector>
 
 namespace shell_words {
 
@@ -27,10 +26,9 @@ inline bool split(const std::string &s, std::vector<word> &out) {
     word w;
     bool in = false; // inside a word
     auto end = [&] {
-        if (in)
-            out.push_back(w);
+        if (std::exchange(in, false))
+            out.push_back(std::move(w));
         w.clear();
-        in = false;
     };
     auto add = [&](char c, int quoted) {
         w.push_back(static_cast<unsigned char>(c) + quoted);
@@ -48,13 +46,11 @@ inline bool split(const std::string &s, std::vector<word> &out) {
             in = true;
             end();
         } else if (c == '#' && !in) {
-            while (i + 1 < s.size() && s[i + 1] != '\n')
-                ++i;
+            i = s.find('\n', i) - 1; // to the newline, or past the end
         } else if (c == '\\') {
-            if (i + 1 == s.size())
-                add(c, 0);
-            else if (s[++i] != '\n')
-                add(s[i], 256);
+            if (++i == s.size())
+                return false;
+            add(s[i], 256);
         } else if (c == '\'') {
             size_t close = s.find('\'', i + 1);
             if (close == std::string::npos)
@@ -106,12 +102,9 @@ inline bool match(const word &t, size_t ti, const word &w, size_t wi) {
 
 inline bool matches(const std::string &line, const char *tmpl) {
     std::vector<word> l, t;
-    if (!split(line, l) || !split(tmpl, t) || l.size() != t.size())
-        return false;
-    for (size_t i = 0; i < l.size(); ++i)
-        if (!match(t[i], 0, l[i], 0))
-            return false;
-    return true;
+    auto same = [](const word &t, const word &w) { return match(t, 0, w, 0); };
+    return split(line, l) && split(tmpl, t) && l.size() == t.size() &&
+           std::equal(t.begin(), t.end(), l.begin(), same);
 }
 
 } // namespace shell_words
