@@ -1,13 +1,10 @@
 // Fuzzes the settings store's directives through qmt_conf_scanf and qmt_conf_printf. Byte 0
 // selects the call (bit 0: printf, else scanf) and the domain (bit 1: the first field, else
 // "network"); the rest splits at '\n' into fields: [domain], the format, then one for each
-// directive that takes a caller's value ("\x01": a null string). Walking the format as the store's
-// parser does, each argument gets its directive's type: a string for %k %K and a written %s, an
-// int for %i %l and a written %d, an int* for a read %d and %z, a buffer of exactly the last %l's
-// size for a read %s. After at most kMaxArgs (the format cut there) come pointers to a zeroed pad.
-// Buffers are heap blocks of their size: a write past one is an AddressSanitizer report. Checked:
-// a read string is terminated within its buffer; a read count is not negative; a successful write
-// reads back equal, and a delete leaves nothing to read.
+// directive that takes a caller's value ("\x01": a null string). Each argument has its
+// directive's type, a buffer the exact size its read is given (AddressSanitizer reports a write
+// past it); at most kMaxArgs (the format cut there), then pointers to a pad. Checked: a read text
+// ends within its buffer, a count is not negative, a write reads back, a deleted path is empty.
 #include "fuzz_common.h"
 #include "qmt_conf.h"
 
@@ -17,18 +14,18 @@ constexpr size_t kMaxArgs = 8;
 alignas(16) char pad[4096];
 
 struct arg {
-    char letter;
     bool is_int;
     int value; // an int's value, or a buffer's size
     void *ptr;
 };
 
+// A call, walking its format as the store's parser does: k K i l, then the value's directive.
 struct call {
     bool write;
     const char *domain;
     std::string format;
     std::vector<arg> args = {};
-    char action = 0; // the directive of the value, which ends a format: s d z r
+    char action = 0; // the value's directive: s d z r
     std::vector<std::unique_ptr<char[]>> blocks = {};
     char *alloc(int n) { return blocks.emplace_back(new char[static_cast<size_t>(n)]()).get(); }
 };
@@ -40,8 +37,8 @@ template <class... A> int run(const call &c, size_t i = 0, A... a) {
             return c.args[i].is_int ? run(c, i + 1, a..., c.args[i].value)
                                     : run(c, i + 1, a..., c.args[i].ptr);
     void *p = pad;
-    return (c.write ? qmt_conf_printf : qmt_conf_scanf)(c.domain, c.format.c_str(), a..., p, p, p,
-                                                        p);
+    auto *f = c.write ? qmt_conf_printf : qmt_conf_scanf;
+    return f(c.domain, c.format.c_str(), a..., p, p, p, p);
 }
 
 void build(call &c, const std::vector<std::string> &fields, size_t next) {
@@ -53,7 +50,7 @@ void build(call &c, const std::vector<std::string> &fields, size_t next) {
             break;
         const bool takes = strchr("kKil", l) || (c.write && strchr("sd", l)); // a caller's value
         const char *f = takes && next < fields.size() ? fields[next++].c_str() : nullptr;
-        arg a{l, strchr("il", l) != nullptr || (c.write && l == 'd'), l == 'l', nullptr};
+        arg a{strchr("il", l) != nullptr || (c.write && l == 'd'), l == 'l', nullptr};
         if (a.is_int && f)
             a.value =
                 static_cast<int>(std::clamp(strtoll(f, nullptr, 0), -(1LL << 31), (1LL << 31) - 1));
@@ -77,12 +74,10 @@ void check_written(const call &w) {
     const char *text = str ? static_cast<char *>(w.args.back().ptr) : "";
     const int n = str ? static_cast<int>(strlen(text) + 1) : sizeof(int);
     call r{false, w.domain, "", {w.args.begin(), w.args.end() - (w.action != 'r')}};
-    for (const arg &a : r.args)
-        r.format += std::string("%") + a.letter;
+    r.format = w.format.substr(0, 2 * r.args.size()) + (str ? "%l%s" : "%d");
     if (str)
-        r.args.push_back({'l', true, n, nullptr});
-    r.format += str ? "%l%s" : "%d";
-    r.args.push_back({'s', false, n, r.alloc(n)});
+        r.args.push_back({true, n, nullptr});
+    r.args.push_back({false, n, r.alloc(n)});
     if (n > 65536 || r.args.size() > kMaxArgs)
         return;
     const int got = run(r);

@@ -1,11 +1,10 @@
-// Whether a command line is what its template formats to, each text the template takes kept in
-// its place. Lines split into words as the shell does: '...' quotes all, a backslash the next
-// character, blanks end a word, ; & | < > ( ) make an operator (a run of them is one) as does a
-// newline, and a '#' starting a word starts a comment; an expansion ($ `), a double quote, an
-// unterminated quote or a closing backslash fails the split. In a template %s is a text, %d a
-// number, %a an address. A text's characters must reach the command as they are: quoted, or not
-// a pattern character (* ? [ ] { }) nor a '~' the shell expands (at a word's start, after = or :
-// in an assignment), and not a '-' starting the word (an option).
+// Whether a command line is what its template formats to, each text kept in its place. Lines
+// split into words as the shell does: '...' quotes all, a backslash the next character, blanks
+// end a word, ; & | < > ( ) make an operator (a run of them is one) as does a newline, a '#'
+// starting a word starts a comment; an expansion ($ `), a double quote or an unterminated quote
+// or escape fails. In a template %s is a text, %d a number, %a an address. A text's characters
+// reach the command as they are: quoted, or no pattern character (* ? [ ] { }) nor a '~' the shell
+// expands (at a word's start, after = or : in an assignment), and no '-' starting the word.
 #pragma once
 
 #include "fuzz_common.h"
@@ -23,47 +22,35 @@ inline bool one_of(const char *set, int c) {
 }
 
 inline bool split(const std::string &s, std::vector<word> &out) {
-    word w;
-    bool in = false; // inside a word
-    auto end = [&] {
-        if (std::exchange(in, false))
-            out.push_back(std::move(w));
-        w.clear();
+    bool in = false; // whether out.back() is a word still open
+    auto open = [&]() -> word & {
+        if (!std::exchange(in, true))
+            out.emplace_back();
+        return out.back();
     };
-    auto add = [&](char c, int quoted) {
-        w.push_back(static_cast<unsigned char>(c) + quoted);
-        in = true;
-    };
+    auto at = [&](size_t i, int quoted) { return static_cast<unsigned char>(s[i]) + quoted; };
     for (size_t i = 0; i < s.size(); ++i) {
-        char c = s[i];
+        const char c = s[i];
         if (c == ' ' || c == '\t') {
-            end();
+            in = false;
         } else if (one_of(";&|<>()\n", c)) {
-            end();
-            w = {-c};
+            in = false;
+            out.push_back({-c});
             while (c != '\n' && i + 1 < s.size() && one_of(";&|<>()", s[i + 1]))
-                w.push_back(-s[++i]);
-            in = true;
-            end();
+                out.back().push_back(-s[++i]);
         } else if (c == '#' && !in) {
             i = s.find('\n', i) - 1; // to the newline, or past the end
-        } else if (c == '\\') {
-            if (++i == s.size())
-                return false;
-            add(s[i], 256);
-        } else if (c == '\'') {
-            size_t close = s.find('\'', i + 1);
-            if (close == std::string::npos)
-                return false;
-            for (in = true; ++i < close;)
-                add(s[i], 256);
-        } else if (one_of("$`\"", c)) {
-            return false;
+        } else if (c == '\\' && i + 1 < s.size()) {
+            open().push_back(at(++i, 256));
+        } else if (c == '\'' && s.find('\'', i + 1) != std::string::npos) {
+            for (word &w = open(); s[++i] != '\'';)
+                w.push_back(at(i, 256));
+        } else if (one_of("$`\"\\'", c)) {
+            return false; // an expansion, a double quote, or an unterminated quote or escape
         } else {
-            add(c, 0);
+            open().push_back(at(i, 0));
         }
     }
-    end();
     return true;
 }
 
