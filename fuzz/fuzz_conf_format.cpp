@@ -8,41 +8,36 @@
 #include "fuzz_common.h"
 #include "qmt_conf.h"
 
+#include <variant>
+
 namespace {
 
 constexpr size_t kMaxArgs = 8;
 alignas(16) char pad[4096];
 
-struct arg {
-    bool is_int;
-    int value; // an int's value, or a buffer's size
-    void *ptr;
-};
-
-// A call, walking its format as the store's parser does: k K i l, then the value's directive.
+// A call, its format walked as the store's parser does: k K i l, then the value's directive.
 struct call {
     bool write;
     const char *domain;
     std::string format;
-    std::vector<arg> args = {};
-    char action = 0; // the value's directive: s d z r
+    std::vector<std::variant<int, void *>> args = {};
+    char action = 0;  // the value's directive: s d z r
+    int capacity = 1; // a read text's buffer size: the last %l's, at least 1
     std::vector<std::unique_ptr<char[]>> blocks = {};
-    char *alloc(int n) { return blocks.emplace_back(new char[static_cast<size_t>(n)]()).get(); }
+    void *alloc(int n) { return blocks.emplace_back(new char[static_cast<size_t>(n)]()).get(); }
 };
 
 // Calls with c.args[i..] as the variadic arguments, each of its own type.
 template <class... A> int run(const call &c, size_t i = 0, A... a) {
     if constexpr (sizeof...(A) < kMaxArgs)
         if (i < c.args.size())
-            return c.args[i].is_int ? run(c, i + 1, a..., c.args[i].value)
-                                    : run(c, i + 1, a..., c.args[i].ptr);
+            return std::visit([&](auto v) { return run(c, i + 1, a..., v); }, c.args[i]);
     void *p = pad;
     auto *f = c.write ? qmt_conf_printf : qmt_conf_scanf;
     return f(c.domain, c.format.c_str(), a..., p, p, p, p);
 }
 
 void build(call &c, const std::vector<std::string> &fields, size_t next) {
-    int capacity = 1;
     size_t pos = 0;
     for (; !c.action && pos + 1 < c.format.size() && c.format[pos] == '%'; pos += 2) {
         const char l = c.format[pos + 1];
@@ -50,19 +45,17 @@ void build(call &c, const std::vector<std::string> &fields, size_t next) {
             break;
         const bool takes = strchr("kKil", l) || (c.write && strchr("sd", l)); // a caller's value
         const char *f = takes && next < fields.size() ? fields[next++].c_str() : nullptr;
-        arg a{strchr("il", l) != nullptr || (c.write && l == 'd'), l == 'l', nullptr};
-        if (a.is_int && f)
-            a.value =
-                static_cast<int>(std::clamp(strtoll(f, nullptr, 0), -(1LL << 31), (1LL << 31) - 1));
-        if (l == 'l')
-            capacity = a.value = std::min(a.value, 65536);
-        else if (takes && !a.is_int)
-            a.ptr = const_cast<char *>(!f ? "" : strcmp(f, "\x01") ? f : nullptr);
-        else if (!a.is_int)
-            a.ptr = c.alloc(a.value = l == 's' ? std::max(capacity, 1) : sizeof(int));
+        const auto n =
+            static_cast<int>(std::clamp(f ? strtoll(f, nullptr, 0) : l == 'l', -(1LL << 31),
+                                        l == 'l' ? 65536 : (1LL << 31) - 1));
         c.action = strchr("sdzr", l) ? l : 0;
-        if (l != 'r')
-            c.args.push_back(a);
+        c.capacity = l == 'l' ? std::max(1, n) : c.capacity;
+        if (strchr("il", l) || (c.write && l == 'd'))
+            c.args.push_back(n);
+        else if (takes)
+            c.args.push_back(const_cast<char *>(!f ? "" : strcmp(f, "\x01") ? f : nullptr));
+        else if (l != 'r')
+            c.args.push_back(c.alloc(l == 's' ? c.capacity : sizeof(int)));
     }
     if (!c.action && c.args.size() == kMaxArgs && pos + 1 < c.format.size() && c.format[pos] == '%')
         c.format.resize(pos); // past the last argument, only directives that consume none
@@ -71,20 +64,21 @@ void build(call &c, const std::vector<std::string> &fields, size_t next) {
 // After a successful write of a value or a delete, reads the same path back.
 void check_written(const call &w) {
     const bool str = w.action == 's';
-    const char *text = str ? static_cast<char *>(w.args.back().ptr) : "";
+    const char *text = str ? static_cast<char *>(std::get<void *>(w.args.back())) : "";
     const int n = str ? static_cast<int>(strlen(text) + 1) : sizeof(int);
     call r{false, w.domain, "", {w.args.begin(), w.args.end() - (w.action != 'r')}};
     r.format = w.format.substr(0, 2 * r.args.size()) + (str ? "%l%s" : "%d");
     if (str)
-        r.args.push_back({true, n, nullptr});
-    r.args.push_back({false, n, r.alloc(n)});
+        r.args.push_back(n);
+    r.args.push_back(r.alloc(n));
     if (n > 65536 || r.args.size() > kMaxArgs)
         return;
     const int got = run(r);
-    const auto *out = static_cast<char *>(r.args.back().ptr);
-    if (w.action == 'r' ? got != QMT_CONF_ENOENT
-                        : got < 0 || (str ? strcmp(out, text) != 0
-                                          : memcmp(out, &w.args.back().value, sizeof(int)) != 0))
+    const auto *out = static_cast<char *>(std::get<void *>(r.args.back()));
+    if (w.action == 'r'
+            ? got != QMT_CONF_ENOENT
+            : got < 0 || (str ? strcmp(out, text) != 0
+                              : memcmp(out, &std::get<int>(w.args.back()), sizeof(int)) != 0))
         property_failed("%%%c written by \"%s\" does not read back", w.action, w.format.c_str());
 }
 
@@ -110,12 +104,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         return 0;
     if (c.write) // a value (s d) or a delete (r): the parser takes nothing else
         return check_written(c), 0;
-    const arg &last = c.args.back(); // a read: s, d or z
-    if (c.action == 's' && strnlen(static_cast<char *>(last.ptr), last.value) >= size_t(last.value))
-        property_failed("a read string unterminated in %d bytes (\"%s\")", last.value,
+    const auto *out = static_cast<char *>(std::get<void *>(c.args.back())); // a read: s, d or z
+    if (c.action == 's' &&
+        strnlen(out, static_cast<size_t>(c.capacity)) == static_cast<size_t>(c.capacity))
+        property_failed("a read text unterminated in %d bytes (\"%s\")", c.capacity,
                         c.format.c_str());
-    if (c.action == 'z' && *static_cast<int *>(last.ptr) < 0)
-        property_failed("a read count of %d (\"%s\")", *static_cast<int *>(last.ptr),
-                        c.format.c_str());
+    if (int count = 0; c.action == 'z' && (memcpy(&count, out, sizeof count), count < 0))
+        property_failed("a read count of %d (\"%s\")", count, c.format.c_str());
     return 0;
 }
