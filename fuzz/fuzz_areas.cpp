@@ -81,16 +81,14 @@ const area_row kAreas[] = {
 };
 // What the matcher must tell apart: texts kept in their places, and ones that are not.
 const struct { const char *line, *tmpl; bool ok; } kMatcherCases[] = {
-    {"h 'it'\\''s'", "h '%s'", 1}, {"h 'a'b'", "h '%s'", 0}, {"h 'a' 'b'", "h '%s'", 0},
-    {"h 'a';x''", "h '%s'", 0}, {"h 'a'$(x)''", "h '%s'", 0}, {"h 'a'*''", "h '%s'", 0},
-    {"h '-n'", "h '%s'", 0}, {"e #2", "e %s", 0}, {"e 1\nx", "e %s", 0}, {"w X=a:~r", "w X=%s", 0},
-    {"w http://a:~b@h", "w http://%s:%s@h", 1}, {"r 1 &>/dev/null", "r %d" NUL, 1},
-    {"r 1 & >/dev/null", "r %d" NUL, 0}, {"x 1.2.3.4-1.2.3.5", "x %a-%a", 1}, {"e", "e %s", 0},
+    {"h 'it'\\''s'", "h '%s'", 1}, {"h 'a'b'", "h '%s'", 0}, {"h 'a';x''", "h '%s'", 0},
+    {"h 'a'$(x)''", "h '%s'", 0}, {"h '-n'", "h '%s'", 0}, {"e *", "e %s", 0}, {"e 1\nx", "e %s", 0},
+    {"w X=a:~r", "w X=%s", 0}, {"w http://a:~b@h", "w http://%s:%s@h", 1}, {"e", "e %s", 0},
+    {"r 1 &>/dev/null", "r %d" NUL, 1}, {"r 1 & >/dev/null", "r %d" NUL, 0},
 };
 // clang-format on
 
 std::vector<std::string> recorded;
-std::string factory_settings;
 
 #define refuse(why) (fputs("fuzz_areas: " why "\n", stderr), exit(1))
 
@@ -104,12 +102,12 @@ void run(const area_row &row, const uint8_t *data, size_t size) {
     std::vector<char> block(row.size);
     char *rec = block.data();
     const int32_t invalid = QMTNM_ERR(QMTNM_MODULE(row.id), QMTNM_R_INVALID);
-    const auto most = static_cast<int32_t>(row.size / sizeof(qmtnm_scan_entry)) - 2;
     int32_t r = 0, changed = 0;
     uint32_t activate = 1;
-    if (row.feed) { // the get fills the entries' room from the table: -2 .. most
+    if (row.feed) { // the get fills the entries' room from the table: -2 .. entries - 2
         std::ofstream(row.feed, std::ios::binary).write(reinterpret_cast<const char *>(data), size);
-        if (r = inst->get(inst, rec, row.size); r < -2 || r > most)
+        if (r = inst->get(inst, rec, row.size);
+            r < -2 || r > static_cast<int32_t>(row.size / sizeof(qmtnm_scan_entry)) - 2)
             property_failed("%s: get returned %d", inst->name, r);
         return;
     }
@@ -153,9 +151,8 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
         if (size_t at = mounts.rfind(d);
             at == std::string::npos || mounts.find(" - overlay ", at) > mounts.find('\n', at))
             refuse("the areas write under /etc, /var and /tmp: run under tests/ns-run");
-    factory_settings = read_file(QMTNM_DEFAULTS_CONF);
-    if (getenv("SYSCONF_DB") == nullptr || factory_settings.empty())
-        refuse("no SYSCONF_DB, or no factory settings at " QMTNM_DEFAULTS_CONF);
+    if (getenv("SYSCONF_DB") == nullptr)
+        refuse("no SYSCONF_DB");
     if (access("/sys/class/leds/wifi_led", F_OK) == 0) // a WPS set would wait for a link
         refuse("the Wi-Fi LED exists here");
     for (const auto &c : kMatcherCases)
@@ -175,9 +172,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (const area_row &row : kAreas) {
         if (size == 0 || row.id != data[0])
             continue;
-        FILE *f = fmemopen(factory_settings.data(), factory_settings.size(), "r");
+        FILE *f = fopen(QMTNM_DEFAULTS_CONF, "r"); // the store starts from the factory settings
         if (f == nullptr || sysconf_load(f, 1) <= 0 || fclose(f) != 0)
-            refuse("cannot load the factory settings into the store");
+            refuse("cannot load " QMTNM_DEFAULTS_CONF " into the store");
         recorded.clear();
         if (row.script)
             unlink(row.script);

@@ -1,10 +1,9 @@
 // Fuzzes the settings store's directives through qmt_conf_scanf and qmt_conf_printf. Byte 0
 // selects the call (bit 0: printf, else scanf) and the domain (bit 1: the first field, else
-// "network"); the rest splits at '\n' into fields: [domain], the format, then one for each
-// directive that takes a caller's value ("\x01": a null string). Each argument has its
-// directive's type, a buffer the exact size its read is given (AddressSanitizer reports a write
-// past it); at most kMaxArgs (the format cut there), then pointers to a pad. Checked: a read text
-// ends within its buffer, a count is not negative, a write reads back, a deleted path is empty.
+// "network"); the rest splits at '\n' into fields: [domain], the format, one for each caller's
+// value ("\x01": a null string). Each argument has its directive's type; a read's buffer has the
+// exact size it is given. Checked: a read text ends within its buffer, a count is not negative, a
+// write reads back, a deleted path is empty; at most kMaxArgs, then pointers to a pad.
 #include "fuzz_common.h"
 #include "qmt_conf.h"
 
@@ -96,9 +95,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const size_t next = size > 0 && (data[0] & 2) ? 1 : 0;
     if (size == 0 || next >= fields.size())
         return 0;
-    call c{(data[0] & 1) != 0, next ? fields[0].c_str() : "network", fields[next].c_str()};
-    if (next && fields[0] == "\x01")
-        c.domain = nullptr;
+    const char *domain = !next ? "network" : fields[0] == "\x01" ? nullptr : fields[0].c_str();
+    call c{(data[0] & 1) != 0, domain, fields[next].c_str()};
     build(c, fields, next + 1); // the format is a C string: it ends at its first NUL
     if (run(c) < 0 || !c.action)
         return 0;

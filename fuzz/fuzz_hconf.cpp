@@ -30,11 +30,10 @@ constexpr auto parse = qmt_hconf_header;
 std::string line(qmt_hconf_header_rec *h) {
     std::unique_ptr<qmt_hconf_header_rec, decltype(&free)> owned(h, free);
     char s[48] = "";
-    if (h && (h->magic != QMT_HCONF_MAGIC || h->num > QMT_HCONF_MAX_ENTRIES ||
-              h->len > QMT_HCONF_IMAGE_SIZE))
-        property_failed("accepted a header 0x%x:%u:%u", h->magic, h->num, h->len);
-    if (h)
-        snprintf(s, sizeof s, "0x%x:%u:%u", h->magic, h->num, h->len);
+    if (h && snprintf(s, sizeof s, "0x%x:%u:%u", h->magic, h->num, h->len) &&
+        (h->magic != QMT_HCONF_MAGIC || h->num > QMT_HCONF_MAX_ENTRIES ||
+         h->len > QMT_HCONF_IMAGE_SIZE))
+        property_failed("accepted a header %s", s);
     return s;
 }
 #endif

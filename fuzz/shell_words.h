@@ -61,11 +61,9 @@ inline bool fits(char p, const word &w, size_t i, size_t from) {
         return false;
     if (p != 's')
         return isdigit(c) || c == (p == 'a' ? '.' : i == from ? '-' : -1);
-    size_t n = 0; // the length of a NAME= that starts the word, an assignment
-    while (n < w.size() && static_cast<unsigned>(w[n]) < 128 &&
-           (isalpha(w[n]) || w[n] == '_' || (n && isdigit(w[n]))))
-        ++n;
-    bool assignment = n > 0 && n < w.size() && w[n] == '=';
+    auto name = [](int ch) { return ch == '_' || (ch >= 0 && ch < 128 && isalnum(ch)); };
+    const size_t n = std::find_if_not(w.begin(), w.end(), name) - w.begin(); // NAME= assigns
+    const bool assignment = n > 0 && n < w.size() && w[n] == '=' && !isdigit(w[0]);
     return !one_of("*?[]{}", w[i]) &&
            (w[i] != '~' || (i > 0 && !(assignment && one_of("=:", w[i - 1]))));
 }
