@@ -2,9 +2,10 @@
 // a heap block of the row's size. A record the check passes goes through compare, activate, apply
 // and persist as the library's set runs them; one it refuses goes to the apply, then to the store
 // and the start-up apply, as from a tampered store. Checked: a check returns 0 or the area's
-// invalid-input code, a persist after it succeeds, a refused apply runs nothing, and every command
-// run (system() here records it) and shell script written is one of the area's templates, each
-// text kept in its place (shell_words.h). The target runs only in tests/ns-run's overlays.
+// invalid-input code, a persist after it succeeds, a refused apply runs nothing, the start-up
+// apply returns no positive result, and every command run (system() here records it) and shell
+// script written is one of the area's templates, each text kept in its place (shell_words.h).
+// The target runs only in tests/ns-run's overlays.
 #include "core/lcl_core.h"
 #include "fuzz_common.h"
 #include "qmt_conf.h"
