@@ -189,18 +189,6 @@ std::vector<char> record(const char *name, const std::string &words) {
     return rec;
 }
 
-void store_sql(const std::string &sql) {
-    // Through popen, so that the system() recorder sees only the library's commands.
-    std::string cmd = std::string("sqlite3 ") + sysconf_db_path() + " \"" + sql + "\" 2>&1";
-    FILE *p = popen(cmd.c_str(), "r");
-    ASSERT_NE(p, nullptr);
-    char buf[256];
-    std::string out;
-    while (fgets(buf, sizeof buf, p))
-        out += buf;
-    ASSERT_EQ(pclose(p), 0) << cmd << ": " << out;
-}
-
 // ---- processes ----
 
 sem_holder::sem_holder(const char *name) {

@@ -69,9 +69,6 @@ void store(const std::string &path, const std::string &text);
 // unterminated); for ethmac, the address text itself.
 std::vector<char> record(const char *area, const std::string &words);
 
-// Runs one SQL statement on the store's database file through the sqlite3 shell.
-void store_sql(const std::string &sql);
-
 // ---- processes ----
 // A child that takes the named semaphore and holds it until destroyed.
 class sem_holder {
