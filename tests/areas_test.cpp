@@ -22,13 +22,13 @@ using strings = std::vector<std::string>;
 namespace {
 
 enum how {
-    set,   // qmtnm_lcl_set with the activate flag set
-    later, // the same with the flag clear: stored for the next start
-    boot,  // stored with the flag clear, then applied from the store as at start-up
+    set,  // qmtnm_lcl_set with the activate flag set
+    boot, // stored with the flag clear, then applied from the store as at start-up
 };
 
-// expect: "/path=bytes" a file's content, "/path@mode" its permission bits, "domain/section/key=
-// value" a stored value in the store's text form, "log=function: text" a line logged, "flag=N".
+// expect: "/path=bytes" a file's content, "/path@mode" its permission bits, "section/key=value"
+// a stored value of the network domain in the store's text form, "log=function: text" a line
+// logged, "flag=N".
 struct row {
     const char *area;
     how mode;
@@ -53,221 +53,104 @@ const std::string kPpp = "noauth\nnoipdefault\ndefaultroute\npersist\nipcp-accep
                          "plugin /lib/ppp/rp-pppoe.so br0\n";
 const std::string kDdnsStop = "killall crond &>/dev/null\nrm -f /etc/cron/ddns.conf\n"
                               "rm -f /var/spool/cron/crontabs/root\n";
-const std::string kDdnsUrl = "#!/bin/sh\nwget -q -O " QMTNM_DDNS_SCRATCH_FILE " -q http://";
-const std::string kDdnsHost = "@" QMTNM_DDNS_UPDATE_HOST "/dyndns/update?hostname=";
-const char *const kLanPool = "method=1|ipaddr=192.168.7.1|begin=192.168.7.50|end=192.168.7.60";
 const char *const kStaticWan = "method=0|ipaddr=10.1.2.3|netmask=255.255.0.0|gateway=10.1.0.1|"
                                "dns1=9.9.9.9|dns2=1.1.1.1";
 const char *const kDhcpc = "killall udhcpc > /dev/null\nrm -f /var/nm/udhcpc-*.pid >/dev/null\n";
 
+// clang-format off
 const row kRows[] = {
     // ---- QoS ----
-    {"qos",
-     set,
-     "enable=1|dscp=46",
-     0,
-     (std::string(kQosOff) + "iptables -t mangle -N qos_mangle_chain\n"
-                             "iptables -t mangle -A OUTPUT -j qos_mangle_chain\n"
-                             "iptables -t mangle -A qos_mangle_chain -j DSCP --set-dscp 46\n"),
-     {"network/network_qos/enable=1", "network/network_qos/dscp=46"}},
-    {"qos",
-     set,
-     "enable=1|dscp=64",
-     0xFDF4FFF9,
-     "",
-     {"log=check_qos_info_grammar: qos dscp value > 63, errno = -34275335",
-      "network/network_qos/enable=0"}},
-    {"qos", set, "enable=0|dscp=200", 0, kQosOff, {"network/network_qos/enable=0"}},
-    {"qos",
-     later,
-     "enable=1|dscp=10",
-     0,
-     "",
-     {"network/network_qos/dscp=10", "log=qmtnm_lcl_set: need reboot to activate action"}},
+    {"qos", set, "enable=1|dscp=46", 0, std::string(kQosOff) +
+     "iptables -t mangle -N qos_mangle_chain\niptables -t mangle -A OUTPUT -j qos_mangle_chain\n"
+     "iptables -t mangle -A qos_mangle_chain -j DSCP --set-dscp 46\n",
+     {"network_qos/enable=1", "network_qos/dscp=46"}},
+    {"qos", set, "enable=1|dscp=64", 0xFDF4FFF9, "",
+     {"log=check_qos_info_grammar: qos dscp value > 63, errno = -34275335", "network_qos/enable=0"}},
+    {"qos", set, "enable=0|dscp=200", 0, kQosOff, {"network_qos/enable=0"}},
     // ---- WAN ----
-    {"wan",
-     set,
-     kStaticWan,
-     0,
-     (std::string(kDhcpc) + "ifconfig eth0 10.1.2.3\nifconfig eth0 netmask 255.255.0.0\n"
-                            "route del default &>/dev/null\n"
-                            "route add default gw 10.1.0.1 &>/dev/null\n"),
+    {"wan", set, kStaticWan, 0, std::string(kDhcpc) + "ifconfig eth0 10.1.2.3\n"
+     "ifconfig eth0 netmask 255.255.0.0\nroute del default &>/dev/null\n"
+     "route add default gw 10.1.0.1 &>/dev/null\n",
      {"/var/nm/resolv.conf=nameserver 9.9.9.9\nnameserver 1.1.1.1\n",
-      "network/network_wan/gateway=\"10.1.0.1\"", "network/network_wan/dns2=\"1.1.1.1\""}},
+      "network_wan/gateway=\"10.1.0.1\"", "network_wan/dns2=\"1.1.1.1\""}},
     // DHCP stores the method alone: the static settings stay for a switch back.
-    {"wan",
-     set,
-     "method=1|ipaddr=10.9.9.9",
-     0,
-     (std::string(kDhcpc) + "udhcpc -i eth0 -p /var/nm/udhcpd-eth0.pid  &\n"),
-     {"network/network_wan/method=1", "network/network_wan/ipaddr=\"192.168.0.100\""}},
-    {"wan",
-     set,
-     "method=2",
-     0xFDFCFFF9,
-     "",
-     {"log=check_wan_info_grammar: wan info dhcpc value invalid"}},
+    {"wan", set, "method=1|ipaddr=10.9.9.9", 0,
+     std::string(kDhcpc) + "udhcpc -i eth0 -p /var/nm/udhcpd-eth0.pid  &\n",
+     {"network_wan/method=1", "network_wan/ipaddr=\"192.168.0.100\""}},
+    {"wan", set, "method=2", 0xFDFCFFF9, "", {"log=check_wan_info_grammar: wan info dhcpc value invalid"}},
     // A stored port name that is not an interface name never reaches the shell.
-    {"wan",
-     set,
-     kStaticWan,
-     0xFDFCFFFE,
-     "",
-     {"log=set_wan: read network_wan port failed, errno = -33751042"},
-     {"network/network_wan/port=\"-a\""}},
-    {"lan",
-     set,
-     "ipaddr=10.7.0.1",
-     0xFDFBFFFE,
-     "",
-     {"log=get_lan_config: read lan port fail, errno = -33816578"},
-     {"network/network_lan/port=\"$(a)\""}},
+    {"wan", set, kStaticWan, 0xFDFCFFFE, "",
+     {"log=set_wan: read network_wan port failed, errno = -33751042"}, {"network_wan/port=\"-a\""}},
+    {"lan", set, "ipaddr=10.7.0.1", 0xFDFBFFFE, "",
+     {"log=get_lan_config: read lan port fail, errno = -33816578"}, {"network_lan/port=\"$(a)\""}},
     // ---- LAN ----
-    {"lan",
-     set,
-     kLanPool,
-     0,
+    {"lan", set, "method=1|ipaddr=192.168.7.1|begin=192.168.7.50|end=192.168.7.60", 0,
      "ifconfig br0 192.168.7.1\nifconfig br0 netmask 255.255.255.0\n"
      "killall udhcpd &>/dev/null\nudhcpd /var/nm/udhcpd.conf\n",
      {"/var/nm/udhcpd.conf=interface br0\nstart 192.168.7.50\nend 192.168.7.60\n"
       "opt subnet 255.255.255.0\nopt lease 28800\nopt router 192.168.7.1\nopt dns 192.168.7.1",
-      "/var/nm/udhcpd.leases=", "network/network_lan/begin=\"192.168.7.50\""}},
-    {"lan",
-     set,
-     "method=0|ipaddr=192.168.8.1|begin=1.2.3.4|end=1.2.3.1",
-     0,
+      "/var/nm/udhcpd.leases=", "network_lan/begin=\"192.168.7.50\""}},
+    {"lan", set, "method=0|ipaddr=192.168.8.1|begin=1.2.3.4|end=1.2.3.1", 0,
      "ifconfig br0 192.168.8.1\nifconfig br0 netmask 255.255.255.0\nkillall udhcpd &>/dev/null\n",
-     {"network/network_lan/ipaddr=\"192.168.8.1\"", "network/network_lan/begin=\"192.168.1.100\""}},
-    {"lan",
-     set,
-     "begin=192.168.1.200|end=192.168.1.100",
-     0xFDFBFFF9,
-     "",
+     {"network_lan/ipaddr=\"192.168.8.1\"", "network_lan/begin=\"192.168.1.100\""}},
+    {"lan", set, "begin=192.168.1.200|end=192.168.1.100", 0xFDFBFFF9, "",
      {"log=check_lan_info_grammar: lan info begin_ip > end_ip!"}},
-    {"lan",
-     set,
-     "begin=192.168.1.10|end=192.168.2.10",
-     0xFDFBFFF9,
-     "",
+    {"lan", set, "begin=192.168.1.10|end=192.168.2.10", 0xFDFBFFF9, "",
      {"log=check_lan_info_grammar: lan info begin_ip & end_ip in different subnet"}},
     // ---- Ethernet port: settings that wait for a reboot ----
-    {"br",
-     set,
-     "mode=1",
-     0,
-     "",
-     {"network/network_softap/mode=1", "flag=0", "log=br_activate_now: function request reboot"}},
-    {"ethtype",
-     set,
-     "type=1",
-     0,
-     "",
-     {"network/network_eth/type=1", "network/network_pppoe/enable=0",
-      "network/network_ddns/enable=0"},
-     {"network/network_pppoe/enable=1", "network/network_ddns/enable=1"}},
-    {"ethtype",
-     set,
-     "type=2",
-     0,
-     "",
-     {"network/network_pppoe/enable=1"},
-     {"network/network_pppoe/enable=1"}},
+    {"br", set, "mode=1", 0, "",
+     {"network_softap/mode=1", "flag=0", "log=br_activate_now: function request reboot"}},
+    {"ethtype", set, "type=1", 0, "",
+     {"network_eth/type=1", "network_pppoe/enable=0", "network_ddns/enable=0"},
+     {"network_pppoe/enable=1", "network_ddns/enable=1"}},
+    {"ethtype", set, "type=2", 0, "", {"network_pppoe/enable=1"}, {"network_pppoe/enable=1"}},
     {"ethmac", set, "01:00:5e:00:00:01", 0xFDFDFFF9, "", {}},
     // ---- PPPoE: stored at once, applied at the next start ----
-    {"pppoe",
-     set,
-     "enable=1|username=alice|password=s3cret",
-     0,
-     "",
-     {"flag=0", "network/network_pppoe/username=\"alice\"",
-      "log=pppoe_activate_now: function request reboot"}},
-    {"pppoe",
-     boot,
-     "enable=1|username=alice|password=s3cret",
-     0,
-     "killall pppd &>/dev/null\npppd &\n",
+    {"pppoe", set, "enable=1|username=alice|password=s3cret", 0, "",
+     {"flag=0", "network_pppoe/username=\"alice\"", "log=pppoe_activate_now: function request reboot"}},
+    {"pppoe", boot, "enable=1|username=alice|password=s3cret", 0, "killall pppd &>/dev/null\npppd &\n",
      {"/etc/ppp/options=name \"alice\"\n" + kPpp, "/etc/ppp/pap-secrets=\"alice\"\t*\t\"s3cret\"\n",
       "/etc/ppp/pap-secrets@600", "/etc/ppp/chap-secrets@600"}},
     // A quote or backslash stays inside its quoted word.
-    {"pppoe",
-     boot,
-     "enable=1|username=bob\" noauth x|password=pw\\\" *",
-     0,
-     "killall pppd &>/dev/null\npppd &\n",
+    {"pppoe", boot, "enable=1|username=bob\" noauth x|password=pw\\\" *", 0, "*",
      {"/etc/ppp/options=name \"bob\\\" noauth x\"\n" + kPpp,
       "/etc/ppp/chap-secrets=\"bob\\\" noauth x\"\t*\t\"pw\\\\\\\" *\"\n"}},
-    {"pppoe",
-     set,
-     "enable=1|username=alice\nplugin /tmp/x.so|password=pw",
-     0xFDF9FFF9,
-     "",
-     {"log=check_pppoe_info_grammar: pppoe username or password value invalid, errno = "
-      "-33947655"}},
+    {"pppoe", set, "enable=1|username=alice\nplugin /tmp/x.so|password=pw", 0xFDF9FFF9, "",
+     {"log=check_pppoe_info_grammar: pppoe username or password value invalid, errno = -33947655"}},
     // ---- DDNS ----
-    {"ddns",
-     set,
-     "enable=1|domain=cam.example.net|username=u;reboot|password=$(id)`id`'\"\n",
-     0,
-     (kDdnsStop + "mkdir -p /etc/cron\nmkdir -p /var/spool/cron/crontabs\n"
-                  "chmod +x /etc/cron/ddns.conf\n/etc/cron/ddns.conf > /dev/null\ncrond &\n"),
-     {"/etc/cron/ddns.conf=" + kDdnsUrl + "u%3Breboot:%24%28id%29%60id%60%27%22%0A" + kDdnsHost +
-          "cam.example.net&wildcard=OFF\n",
+    {"ddns", set, "enable=1|domain=cam.example.net|username=u;reboot|password=$(id)`id`'\"\n", 0,
+     kDdnsStop + "mkdir -p /etc/cron\nmkdir -p /var/spool/cron/crontabs\n"
+     "chmod +x /etc/cron/ddns.conf\n/etc/cron/ddns.conf > /dev/null\ncrond &\n",
+     {"/etc/cron/ddns.conf=#!/bin/sh\nwget -q -O " QMTNM_DDNS_SCRATCH_FILE " -q http://"
+      "u%3Breboot:%24%28id%29%60id%60%27%22%0A@" QMTNM_DDNS_UPDATE_HOST
+      "/dyndns/update?hostname=cam.example.net&wildcard=OFF\n",
       "/var/spool/cron/crontabs/root=*/1 * * * * /etc/cron/ddns.conf > /dev/null\n"}},
     {"ddns", set, "enable=1|domain=a.net;reboot|username=u|password=p", 0xFDFAFFF9, "", {}},
-    {"ddns",
-     set,
-     "enable=0",
-     0,
-     kDdnsStop,
-     {"network/network_ddns/enable=0"},
-     {"network/network_ddns/enable=1"}},
+    {"ddns", set, "enable=0", 0, kDdnsStop, {"network_ddns/enable=0"}, {"network_ddns/enable=1"}},
     // ---- UPnP, Bonjour ----
-    {"upnp",
-     set,
-     "enable=1|friendlyName=living room",
-     0,
+    {"upnp", set, "enable=1|friendlyName=living room", 0,
      "killall miniupnpd &>/dev/null\nrm -f /var/run/miniupnpd.pid &>/dev/null\n"
      "miniupnpd -f /var/nm/miniupnpd.conf -P /var/run/miniupnpd.pid &\n",
      {"/var/nm/miniupnpd.conf=enable=yes\nfriendlyName=living room\n"}},
-    {"bonjour",
-     set,
-     "enable=1|hostname=cam's",
-     0,
+    {"bonjour", set, "enable=1|hostname=cam's", 0,
      "killall mDNSResponderPosix &>/dev/null\nrm -f /var/run/mDNSResponder.pid &>/dev/null\n"
      "hostname 'cam'\\''s'\n/bin/mDNSResponderPosix -n -t _http._tcp. -p 80 -b &\n",
-     {"network/network_bonjour/hostname=\"cam's\""}},
+     {"network_bonjour/hostname=\"cam's\""}},
     {"bonjour", set, "enable=1|hostname=cam x", 0xFDF7FFF9, "", {}},
     // ---- IP filter ----
-    {"ipfilter",
-     set,
-     "enable=1|mode=white|rule=192.168.1.10-192.168.1.20|rule=10.0.0.3-10.0.0.3",
-     0,
-     (std::string(kIpfOff) +
-      "iptables -A ipf_chain -m iprange --src-range 192.168.1.10-192.168.1.20 -p tcp --dport 80 "
-      "-j ACCEPT\n\n"
-      "iptables -A ipf_chain -m iprange --src-range 10.0.0.3-10.0.0.3 -p tcp --dport 80 -j "
-      "ACCEPT\n\n"
-      "iptables -A ipf_chain -p tcp --dport 80 -j DROP\n"),
-     {}},
-    {"ipfilter",
-     set,
-     "enable=1|mode=black|rule=10.0.0.1-10.0.0.9",
-     0,
-     (std::string(kIpfOff) + "iptables -A ipf_chain -m iprange --src-range 10.0.0.1-10.0.0.9 -p "
-                             "tcp --dport 80 -j DROP\n\n"),
-     {}},
+    {"ipfilter", set, "enable=1|mode=white|rule=192.168.1.10-192.168.1.20|rule=10.0.0.3-10.0.0.3", 0,
+     std::string(kIpfOff) +
+     "iptables -A ipf_chain -m iprange --src-range 192.168.1.10-192.168.1.20 -p tcp --dport 80 -j ACCEPT\n\n"
+     "iptables -A ipf_chain -m iprange --src-range 10.0.0.3-10.0.0.3 -p tcp --dport 80 -j ACCEPT\n\n"
+     "iptables -A ipf_chain -p tcp --dport 80 -j DROP\n", {}},
     // Fewer rules than stored: the surplus goes from the store.
-    {"ipfilter",
-     set,
-     "enable=1|mode=black|index=0|rule=10.0.0.7-10.0.0.8",
-     0,
-     "*",
-     {"network/network_ipfilter/rules/#0/begin_ip=\"10.0.0.7\"",
-      "network/network_ipfilter/rules/#1/begin_ip=<missing>",
-      "network/network_ipfilter/rules/#2/end_ip=<missing>"},
+    {"ipfilter", set, "enable=1|mode=black|index=0|rule=10.0.0.7-10.0.0.8", 0, "*",
+     {"network_ipfilter/rules/#0/begin_ip=\"10.0.0.7\"", "network_ipfilter/rules/#1/begin_ip=<missing>",
+      "network_ipfilter/rules/#2/end_ip=<missing>"},
      {"set:enable=1|mode=black|rule=1.1.1.1-1.1.1.2|rule=1.1.1.3-1.1.1.4|rule=1.1.1.5-1.1.1.6"}},
     {"ipfilter", set, "enable=1|rule=10.0.0.1 ;halt-10.0.0.2", 0xFDF6FFF9, "", {}},
 };
+// clang-format on
 
 std::string joined(const strings &lines) {
     std::string s;
@@ -294,7 +177,7 @@ void check(const std::string &e) {
             << want << "\nlogged:\n"
             << joined(logs().texts());
     } else {
-        EXPECT_EQ(nmtest::stored(key), want) << key;
+        EXPECT_EQ(nmtest::stored("network/" + key), want) << key;
     }
 }
 
@@ -311,7 +194,7 @@ TEST_F(Areas, OneBehaviourARow) {
             if (b.rfind("set:", 0) == 0)
                 EXPECT_EQ(qmtnm_lcl_set(id, nmtest::record(r.area, b.substr(4)).data(), 0), 0);
             else
-                nmtest::store(b.substr(0, b.find('=')), b.substr(b.find('=') + 1));
+                nmtest::store("network/" + b.substr(0, b.find('=')), b.substr(b.find('=') + 1));
         }
         std::vector<char> rec = nmtest::record(r.area, r.words);
         nmtest::set_activate_flag(r.mode == set);
