@@ -59,8 +59,8 @@ TEST(Dispatch, NoInstanceForIdTenOrBeyondTheTable) {
         nm_log_level = 1;
         auto lines = logs().lines();
         ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].text, logged("qmtnm_lcl_get",
-                                        "qmtnm_lcl_get:no instance matched, errno=-50266116"));
+        EXPECT_EQ(lines[0].text,
+                  logged("qmtnm_lcl_get", "qmtnm_lcl_get:no instance matched, errno=-50266116"));
         EXPECT_EQ(lines[0].priority, (18 << 3) | 3);
     }
 }
