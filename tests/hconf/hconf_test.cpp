@@ -24,8 +24,7 @@ namespace {
 char dir_template[] = "/tmp/hconf-dev.XXXXXX";
 const std::string dir = mkdtemp(dir_template), image = dir + "/image";
 
-// The text at the end of a readable page followed by an inaccessible one: a read past the
-// terminator faults.
+// The text at the end of a readable page before an inaccessible one: a read past it faults.
 const char *at_page_end(const std::string &text) {
     static char *end = [] {
         const long page = sysconf(_SC_PAGESIZE);
@@ -38,8 +37,7 @@ const char *at_page_end(const std::string &text) {
     return static_cast<char *>(memcpy(end - text.size() - 1, text.c_str(), text.size() + 1));
 }
 
-// The tool in a child writing to this process's standard output. No shell: HCONF_TOOL may start
-// with an emulator, and the stand-in preloaded into a shell of another machine would not load.
+// The tool in a child on this process's standard output; no shell: HCONF_TOOL may hold an emulator.
 int tool(const std::string &args) {
     std::istringstream split(HCONF_TOOL " " + args);
     std::vector<std::string> words{std::istream_iterator<std::string>(split), {}};
@@ -55,7 +53,7 @@ int tool(const std::string &args) {
 }
 
 // Prints the file ("<missing>" when there is none) and removes it.
-int cat(const std::string &path) {
+int print(const std::string &path) {
     std::ifstream f(path, std::ios::binary);
     const std::string text = f ? std::string(std::istreambuf_iterator<char>(f), {}) : "<missing>";
     fwrite(text.data(), 1, text.size(), stdout);
@@ -76,7 +74,6 @@ int run(std::string cmd) {
         cmd.replace(at, 1, dir);
     const size_t sp = cmd.find(' ');
     const std::string verb = cmd.substr(0, sp), arg = sp == cmd.npos ? "" : cmd.substr(sp + 1);
-    in_addr a{};
     if (verb == "header" || verb == "entry") { // a parse; -1 when it refuses the text
         const char *text = at_page_end(arg);
         std::unique_ptr<void, decltype(&free)> rec(
@@ -86,29 +83,28 @@ int run(std::string cmd) {
     }
     if (verb == "in") // the text of @/in.txt
         return std::ofstream(dir + "/in.txt") << arg, 0;
-    if (verb == "hw") // save_hw_conf(which, address)
+    if (in_addr a{}; verb == "hw") // save_hw_conf(which, address)
         return inet_pton(AF_INET, arg.c_str() + 2, &a) == 1 ? save_hw_conf(arg[0] - '0', a), 0 : -2;
     if (verb == "image")
         image_with(static_cast<uint16_t>(std::stoul(arg)));
     if (verb == "reboot" || verb == "image") // the driver reloads the committed image
         return unlink((image + ".work").c_str()), 0;
-    return verb == "$"             ? tool(arg)
-           : verb == "read-header" ? qmt_hconf_read_header(&header)
-           : verb == "set-header"  ? qmt_hconf_write_header(&header)
-           : verb == "update"      ? qmt_hconf_update(arg.c_str())
-           : verb == "save"        ? qmt_hconf_save(arg.empty() ? nullptr : arg.c_str())
-           : verb == "cat"         ? cat(arg)
-                                   : -1000;
+    return verb == "$"                     ? tool(arg)
+           : verb == "read-header"         ? qmt_hconf_read_header(&header)
+           : verb == "set-header"          ? qmt_hconf_write_header(&header)
+           : verb == "update"              ? qmt_hconf_update(arg.c_str())
+           : verb == "save" && arg.empty() ? qmt_hconf_save(nullptr)
+           : verb == "save" ? qmt_hconf_save(arg.c_str()) + print(arg) // and prints the file
+                            : -1000;
 }
 
 struct Step {
-    std::string cmds; // separated by "; "
-    std::string out;
+    std::string cmds, out; // commands separated by "; ", and all that they print
     int result = 0;        // the sum of the commands' results or exit statuses
     const char *fail = ""; // the requests the stand-in refuses: numbers, or "open"
 };
 
-template <size_t N> void play(const Step (&steps)[N]) {
+void play(std::initializer_list<Step> steps) {
     for (const Step &s : steps) {
         SCOPED_TRACE(s.cmds);
         setenv("HCONF_STANDIN_FAIL", s.fail, 1);
@@ -127,7 +123,7 @@ template <size_t N> void play(const Step (&steps)[N]) {
 // A parse prints the dump of the record it returns, so the printed text pins every field.
 TEST(HconfText, ParseAndDump) {
     const std::string H = "qmt_hconf_header: ERROR: ", bad = "ch_hex: ERROR: bad char: ";
-    const Step rows[] = {
+    play({
         {"header 0x68636f6e:64:65536", "header: 0x68636f6e num 64 len 65536\n"},
         {"header 0x68636f6e:65:0", H + "too much entry: 65\n", -1},
         {"header 0x68636f6e:1:65537", H + "too long: 65537\n", -1},
@@ -151,13 +147,11 @@ TEST(HconfText, ParseAndDump) {
         {"entry -16:0:0:", "entry: 0xfffffff0 type 0 len 0: \n"},
         // Data shorter than len: read up to the terminator, the rest is zero.
         {"entry 0x1:0:4:c0a", "entry: 0x1 type 0 len 4: c0 a0 00 00 \n"},
-        {"entry 0x1:", "entry: 0x1 type 0 len 0: \n"},
         {"entry 0x1:1:4:hi", "entry: 0x1 type 1 len 4: hi\0\0\n"s},
         {"entry 0x1:1:65535:", "entry: 0x1 type 1 len 65535: " + std::string(65535, '\0') + "\n"},
         // A line read from a file keeps its newline, which is data like any other character.
         {"entry 0x1:0:2:0a\n", bad + "\n\nentry: 0x1 type 0 len 2: 0a 00 \n"},
-    };
-    play(rows);
+    });
 }
 
 TEST(HconfDevice, Script) {
@@ -168,7 +162,7 @@ TEST(HconfDevice, Script) {
                       bad2 = "qmt_hconf_entry: ERROR: bad entry type: 2\n",
                       usage = "usage: hconf save [FILE] | update FILE | header | read ID | "
                               "write TEXT |\n             delete ID | sync | clear\n";
-    const Step steps[] = {
+    play({
         // Each call issues its own request: refused by that number, the call fails.
         {"$ write 0x42:0:1:5a; read-header; set-header; $ read 0x42",
          x42 + "header: 0x68636f6e num 1 len 21\n" + x42},
@@ -178,13 +172,12 @@ TEST(HconfDevice, Script) {
         {"$ delete 66; $ delete 66", "qmt_hconf_del_entry: ERROR: delete entry failed\n", 1},
         // Update: every entry in order, short lines skipped, nothing committed.
         {"in 0x3:0:1:03\n\n0x1:1:2:hi\nabcd\n0x2:0:0:\n12345; update @/in.txt; save; save @/o.txt; "
-         "cat @/o.txt; reboot; save",
+         "reboot; save",
          "entry: 0x3 type 0 len 1: 03 \nentry: 0x1 type 1 len 2: hi\nentry: 0x2 type 0 len 0: \n" +
              x3 + x3},
-        {"save @/o.txt; cat @/o.txt", "qmt_hconf_save: ERROR: failed read all\n<missing>", -1, "1"},
-        {"save @/o.txt; cat @/o.txt", "qmt_hconf_save: ERROR: open /dev/hconf failed\n<missing>",
-         -1, "open"},
-        {"save @/no/f", "qmt_hconf_save: ERROR: open " + dir + "/no/f failed\n"},
+        {"save @/o.txt", "qmt_hconf_save: ERROR: failed read all\n<missing>", -1, "1"},
+        {"save @/o.txt", "qmt_hconf_save: ERROR: open /dev/hconf failed\n<missing>", -1, "open"},
+        {"save @/no/f", "qmt_hconf_save: ERROR: open " + dir + "/no/f failed\n<missing>"},
         // An update stops at its first failure; entries of earlier lines stay written.
         {"in 0x1:0:1:01\n0x30:2:1:00\n0x2:0:1:02\n; update @/in.txt; save",
          "entry: 0x1 type 0 len 1: 01 \n" + bad2 +
@@ -200,7 +193,7 @@ TEST(HconfDevice, Script) {
          "7"},
         {"reboot; save", "0x1000004:0:4:ffffff00\n" + ip},
         // The tool: exit status 0, 1 for a failed call, 2 for a usage error.
-        {"$ clear; $ write 0x10:1:2:hi; $ save @/s.txt; $ clear; $ update @/s.txt; cat @/s.txt",
+        {"$ clear; $ write 0x10:1:2:hi; $ save @/s.txt; $ clear; $ update @/s.txt; save",
          "entry: 0x10 type 1 len 2: hi\nentry: 0x10 type 1 len 2: hi\n" + hi},
         {"$ write 0x01000002:0:4:c0a8010a; $ save; $ header",
          "entry: 0x1000002 type 0 len 4: c0 a8 01 0a \n" + hi + ip +
@@ -211,11 +204,10 @@ TEST(HconfDevice, Script) {
         {"reboot; $ save", hi + ip}, // what the tool's sync committed
         {"$ delete x; $ sync x", "hconf: bad id: x\n" + usage, 4},
         // The save walks the image as far as its entries stay inside it.
-        {"image 65505; save @/o.txt; cat @/o.txt",
+        {"image 65505; save @/o.txt",
          bad_type + "0x30:2:3:\n0x2:0:65505:" + std::string(2 * 65505, '0') + "\n"},
-        {"image 65506; save @/o.txt; cat @/o.txt", bad_type + "0x30:2:3:\n"},
-    };
-    play(steps);
+        {"image 65506; save @/o.txt", bad_type + "0x30:2:3:\n"},
+    });
 }
 
 } // namespace
