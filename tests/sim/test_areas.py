@@ -1,0 +1,443 @@
+#!/usr/bin/env python3
+"""The areas on the emulated appliance, judged by what the kernel, the daemons and the peers did:
+the DSCP the upstream router reads off the device's packets, the leases the DHCP servers hand
+out, the neighbour table upstream, pppd's and crond's own doing, the DDNS provider stand-in's
+record of the updates, what a laptop on the LAN reaches and finds; and the start-up apply."""
+import os
+import re
+import stat
+import sys
+
+sys.dont_write_bytecode = True  # no __pycache__ in the source tree
+import simdevice  # noqa: E402
+from simdevice import SimTestCase, log_line, poll  # noqa: E402
+
+HOOK = "-A OUTPUT -j qos_mangle_chain"
+DROP = ["iptables -t mangle -D OUTPUT -j qos_mangle_chain", "iptables -t mangle -F qos_mangle_chain",
+        "iptables -t mangle -X qos_mangle_chain"]
+REBOOT = log_line("qmtnm_lcl_set", "need reboot to activate action")
+STATIC = ["method=0", "ipaddr=10.99.0.7", "netmask=255.255.255.0", "gateway=10.99.0.1",
+          "dns1=10.99.0.1", "dns2=9.9.9.9"]
+POOL = ["method=1", "ipaddr=192.168.7.1", "netmask=255.255.255.0", "begin=192.168.7.50",
+        "end=192.168.7.60"]
+UDHCPD_CONF = ("interface br0\nstart 192.168.7.50\nend 192.168.7.60\nopt subnet 255.255.255.0\n"
+               "opt lease 28800\nopt router 192.168.7.1\nopt dns 192.168.7.1")
+LEASE_SCRIPT = os.path.join(os.path.dirname(os.path.realpath(__file__)), "dhcp-lease-print")
+
+
+def tool(directory, name, body):
+    """A shell script standing in front of a device command (its directory goes ahead on PATH)."""
+    os.makedirs(directory, exist_ok=True)
+    path = os.path.join(directory, name)
+    with open(path, "w") as f:
+        f.write("#!/bin/sh\n" + body)
+    os.chmod(path, os.stat(path).st_mode | stat.S_IXUSR)
+    return path
+
+
+class Qos(SimTestCase):
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        # Every iptables command the library runs passes through this recorder.
+        tool(os.path.join(cls.dev.state, "rec"), "iptables",
+             'echo "iptables $*" >>"${0%/*}/calls"\nexec /usr/sbin/iptables "$@"\n')
+        cls.calls = os.path.join(cls.dev.state, "rec", "calls")
+        cls.path = f"PATH={cls.dev.state}/rec:{cls.dev.out('printenv', 'PATH').strip()}"
+
+    def set_qos(self, *words, check=True):
+        """qmtnm set qos WORDS through the recorder; the iptables commands it ran."""
+        if os.path.exists(self.calls):
+            os.remove(self.calls)
+        r = self.qmtnm("set", "qos", *words, env=[self.path], check=check)
+        return simdevice.read(self.calls).splitlines() if os.path.exists(self.calls) else [], r
+
+    def state(self):
+        """The stored (enable, dscp), and the chain's rules if it is there, hooked once."""
+        table = self.dev.mangle()
+        rules = [l for l in table if l.startswith("-A qos_mangle_chain")]
+        self.assertEqual((table.count("-N qos_mangle_chain"), table.count(HOOK)),
+                         (1, 1) if rules else (0, 0), table)
+        return (int(self.dev.stored("network_qos/enable")),
+                int(self.dev.stored("network_qos/dscp")), rules)
+
+    def test_1_marking_what_the_device_sends(self):
+        self.assertEqual(self.dev.dscp_received_upstream(), 0)
+        self.assertEqual(self.set_qos("enable=1", "dscp=46")[0], DROP + [
+            "iptables -t mangle -N qos_mangle_chain", "iptables -t mangle -A OUTPUT -j qos_mangle_chain",
+            "iptables -t mangle -A qos_mangle_chain -j DSCP --set-dscp 46"])
+        self.assertEqual(self.state(), (1, 46, ["-A qos_mangle_chain -j DSCP --set-dscp 0x2e"]))
+        self.assertEqual(self.dev.dscp_received_upstream(), 46)
+        self.assertEqual(self.dev.out("qmtnm", "get", "qos", "--json"),
+                         '{"area":"qos","instance":"qos_lcl","enable":1,"dscp":46}\n')
+        # The same again runs nothing: the chain's counters go on from where they were.
+        counters = ["iptables", "-t", "mangle", "-L", "qos_mangle_chain", "-v", "-x", "-n"]
+        packets = lambda: int(re.search(r"(?m)^\s*(\d+)\s+\d+\s+DSCP", self.dev.out(*counters))[1])  # noqa: E731
+        before, mark = packets(), self.dev.log_size()
+        self.assertGreater(before, 0)
+        self.assertEqual(self.set_qos("enable=1", "dscp=46")[0], [])
+        self.assertGreaterEqual(packets(), before)
+        self.dev.wait_log(log_line("qmtnm_lcl_set", "config is up-to-date"), mark)
+        # A DSCP past 63 is refused: nothing runs, nothing is stored.
+        mark = self.dev.log_size()
+        calls, r = self.set_qos("dscp=64", check=False)
+        self.assertEqual((calls, r.returncode, self.state()[:2]), ([], 1, (1, 46)))
+        self.dev.wait_log(log_line("check_qos_info_grammar",
+                                   "qos dscp value > 63, errno = -34275335"), mark)
+
+    def test_2_off_and_on_again(self):
+        self.assertEqual(self.set_qos("enable=0")[0], DROP)
+        self.assertEqual(self.state(), (0, 46, []))  # the DSCP stays stored
+        self.assertEqual(self.dev.dscp_received_upstream(), 0)
+        for dscp in (10, 63, 12):
+            self.set_qos("enable=1", f"dscp={dscp}")
+            self.assertEqual(self.state()[2], [f"-A qos_mangle_chain -j DSCP --set-dscp 0x{dscp:02x}"])
+            if dscp != 12:
+                self.set_qos("enable=0")
+        self.assertEqual(self.dev.dscp_received_upstream(), 12)
+
+    def test_3_cleared_flag_stores_only_until_reboot(self):
+        dev = self.dev
+        self.set_qos("enable=0")
+        dev.activate_flag(0)
+        mark = dev.log_size()
+        self.assertEqual(self.set_qos("enable=1", "dscp=46")[0], [])
+        self.assertEqual(self.state(), (1, 46, []))
+        self.assertEqual(dev.dscp_received_upstream(), 0)
+        dev.wait_log(REBOOT, mark)
+        dev.reboot()
+        self.assertEqual(self.state(), (1, 46, ["-A qos_mangle_chain -j DSCP --set-dscp 0x2e"]))
+        dev.run("qmtnm", "get", "qos")
+        self.assertEqual(dev.activate_flag(), 1)
+        self.set_qos("enable=1", "dscp=40")  # applied at once again
+        self.assertEqual(dev.dscp_received_upstream(), 40)
+
+    def locks(self, taken=()):
+        """Checks `qmtnm locks`: every lock free but the set locks of the areas taken."""
+        r = self.qmtnm("locks", check=False)
+        rows = dict(re.fullmatch(r"(\S+)\s+(set \S+(?: x\d+)?\s+get \S+(?: x\d+)?)", l).groups()
+                    for l in r.stdout.splitlines())
+        self.assertIn("qos", rows)
+        self.assertEqual({a: s for a, s in rows.items() if re.sub(" +", " ", s) != "set free get free"},
+                         {a: rows[a] for a in taken})
+        self.assertEqual(r.returncode, 1 if taken else 0)
+        self.assertEqual([re.sub(" +", " ", rows[a]) for a in taken], ["set taken get free"] * len(taken))
+
+    def test_4_killed_set_leaves_its_lock_taken_until_unlock(self):
+        dev = self.dev
+        self.locks()
+        # An iptables that notes its PID and waits: the set stays in its apply step, holding the
+        # area's set lock, until it is killed.
+        hold = os.path.join(dev.state, "hold")
+        tool(hold, "iptables", 'echo $$ >"${0%/*}/inside"\nexec sleep 600\n')
+        self.assertIn("set ended 137", dev.sh(f"""rm -f {hold}/inside
+            PATH={hold}:$PATH qmtnm set qos enable=1 dscp=20 >/dev/null 2>&1 & pid=$!
+            while [ ! -s {hold}/inside ]; do sleep 0.1; done
+            kill -KILL $pid; wait $pid; echo "set ended $?"; kill $(cat {hold}/inside)""").stdout)
+        self.locks(taken=["qos"])
+        self.assertEqual(dev.stored("network_qos/dscp"), "40")  # killed before it stored
+        mark = dev.log_size()
+        r = self.qmtnm("set", "qos", "enable=1", "dscp=34", check=False)
+        self.assertEqual((r.returncode, r.stderr), (1, "qos: resource busy (0xFD00FFFA)\n"))
+        dev.wait_log(log_line("qmtnm_lcl_set", "qmtnm_lcl_set:resource busy, errno=-50266118"), mark)
+        self.assertIn('"dscp":40', self.qmtnm("get", "qos", "--json").stdout)  # gets go on
+        # A free lock is not released: it would admit two callers.
+        r = self.qmtnm("unlock", "qos", "get", check=False)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("free", r.stderr)
+        self.locks(taken=["qos"])
+        r = self.qmtnm("unlock", "qos")
+        self.assertEqual(r.stdout, "qos: set lock released\n")
+        self.assertIn("warning", r.stderr)
+        self.locks()
+        self.qmtnm("set", "qos", "enable=1", "dscp=34")
+        self.assertEqual(self.state(), (1, 34, ["-A qos_mangle_chain -j DSCP --set-dscp 0x22"]))
+        self.assertEqual(self.qmtnm("unlock", "qos_lcl", "set", check=False).returncode, 1)
+        self.locks()
+        self.assertEqual(self.qmtnm("unlock", "nosuch", check=False).returncode, 2)
+
+
+class Wired(SimTestCase):
+    def default_routes(self):
+        return [l for l in self.dev.out("ip", "route").splitlines() if l.startswith("default")]
+
+    def lease(self):
+        """The lease the LAN host's DHCP client gets, as its variables; None without one."""
+        r = self.dev.on("lan", "udhcpc", "-i", "eth0", "-n", "-q", "-f", "-t", "3", "-T", "1",
+                        "-s", LEASE_SCRIPT, check=False)
+        m = re.search(r"(?m)^lease (.*)$", r.stdout)
+        return m and dict(kv.split("=", 1) for kv in m[1].split(" "))
+
+    def leased(self):
+        return poll("a lease on eth0", lambda: (a := self.dev.addrs("eth0")) and
+                    re.fullmatch(r"10\.99\.0\.1\d\d/24", a[0]) and a[0].split("/")[0])
+
+    def test_1_lan_pool_is_served(self):
+        self.qmtnm("set", "lan", *POOL)
+        self.assertEqual((self.dev.addrs("br0"), self.dev.processes("udhcpd")),
+                         (["192.168.7.1/24"], ["udhcpd"]))
+        self.assertEqual(self.dev.out("cat", "/var/nm/udhcpd.conf"), UDHCPD_CONF)
+        lease = self.lease()
+        self.assertTrue(lease and re.fullmatch(r"192\.168\.7\.(5\d|60)", lease["ip"]), lease)
+        self.assertEqual((lease["subnet"], lease["router"], lease["dns"]),
+                         ("255.255.255.0", "192.168.7.1", "192.168.7.1"))
+        # Off: nothing offered, the pool kept for the next time.
+        self.qmtnm("set", "lan", "method=0", "ipaddr=192.168.1.1")
+        self.assertEqual((self.dev.addrs("br0"), self.dev.processes("udhcpd")), (["192.168.1.1/24"], []))
+        self.assertEqual(self.dev.out("cat", "/var/nm/udhcpd.conf"), UDHCPD_CONF)
+        self.assertIsNone(self.lease())
+        before = self.dev.json("lan")
+        self.assertEqual((before["begin"], before["end"]), ("192.168.7.50", "192.168.7.60"))
+        self.refused("lan", "0xFDFBFFF9", "method=1", "begin=192.168.1.200", "end=192.168.1.100")
+        self.assertEqual(self.dev.json("lan"), before)
+
+    def test_2_wan_dhcp_lease_from_upstream(self):
+        self.qmtnm("set", "wan", "method=1")
+        ip = self.leased()
+        poll("the resolver file", lambda: self.dev.run("test", "-s", "/var/nm/resolv.conf", check=False).returncode == 0)
+        self.assertEqual(self.dev.json("wan"), {
+            "area": "wan", "instance": "wan_lcl", "method": 1, "ipaddr": ip, "netmask": "255.255.255.0",
+            "gateway": "10.99.0.1", "dns1": "10.99.0.1", "dns2": "10.99.0.53"})
+        self.assertEqual(self.default_routes(), ["default via 10.99.0.1 dev eth0 "])
+        mac = self.dev.out("cat", "/sys/class/net/eth0/address").strip()
+        self.dev.on("upstream", "sh", "-c", "kill -USR1 $(cat /run/udhcpd.pid)")
+        self.assertRegex(poll("the upstream lease file", lambda: self.dev.on(
+            "upstream", "dumpleases", "-f", "/run/udhcpd.leases", check=False).stdout),
+            rf"(?m)^{re.escape(mac)}\s+{re.escape(ip)}\s")
+        stored = self.dev.json("wanflash")  # only the method is stored
+        self.assertEqual((stored["method"], stored["ipaddr"]), (1, "10.99.0.2"))
+
+    def test_3_wan_static_address_route_resolver_and_hardware_store(self):
+        dev = self.dev
+        self.qmtnm("set", "wan", *STATIC)
+        self.assertEqual((dev.processes("udhcpc"), dev.addrs("eth0"), self.default_routes()),
+                         ([], ["10.99.0.7/24"], ["default via 10.99.0.1 dev eth0 "]))
+        self.assertEqual(dev.out("cat", "/var/nm/resolv.conf"), "nameserver 10.99.0.1\nnameserver 9.9.9.9\n")
+        dev.on("upstream", "ping", "-c", "1", "-W", "2", "10.99.0.7")
+        live, stored = dev.json("wan"), dev.json("wanflash")
+        self.assertEqual((live["dns2"], stored["dns2"]), ("9.9.9.9", "9.9.9.9"))
+        self.assertEqual({**live, "area": 0, "instance": 0}, {**stored, "area": 0, "instance": 0})
+        entries = {"0x1000002:0:4:0a630007", "0x1000004:0:4:ffffff00"}
+        self.assertLessEqual(entries, dev.hw_entries())
+        dev.reboot()
+        self.assertLessEqual(entries, dev.hw_entries())
+        self.qmtnm("set", "wan", "method=1")  # back to DHCP: the static settings stay stored
+        stored = dev.json("wanflash")
+        self.assertEqual((stored["method"], stored["ipaddr"], stored["dns2"]), (1, "10.99.0.7", "9.9.9.9"))
+        self.leased()
+
+    def test_4_cleared_flag_stores_without_touching_the_device(self):
+        dev = self.dev
+        dev.activate_flag(0)
+        seen = lambda: (dev.addrs("eth0"), dev.addrs("br0"), dev.out("ip", "route"),  # noqa: E731
+                        dev.processes("udhcpd"), dev.run("cat", "/var/nm/udhcpd.conf", check=False).stdout)
+        before, mark = seen(), dev.log_size()
+        self.qmtnm("set", "wan", *STATIC)
+        self.qmtnm("set", "lan", "method=1", "ipaddr=192.168.9.1", "begin=192.168.9.10", "end=192.168.9.20")
+        self.assertEqual(seen(), before)
+        self.assertEqual((dev.stored("network_wan/method"), dev.stored("network_lan/begin")),
+                         ("0", '"192.168.9.10"'))
+        dev.wait_log(REBOOT, mark)
+        self.assertEqual(len(re.findall(REBOOT, dev.log(mark))), 2)
+
+
+class Port(SimTestCase):
+    def updated(self, what, **want):
+        """Waits for an update request at the provider with the given user/password/hostname."""
+        return poll(what, lambda: [r for r in self.dev.provider_requests()
+                                   if all(r.get(k, r["query"].get(k, [None])[0]) == v
+                                          for k, v in want.items())])[0]
+
+    def test_1_mac_address_seen_upstream(self):
+        self.qmtnm("set", "ethmac", "02:11:22:33:44:55")
+        self.assertEqual(self.dev.json("ethmac")["macaddr"], "02:11:22:33:44:55")
+        self.dev.run("ping", "-c", "1", "-W", "2", "10.99.0.1")
+        self.assertIn("lladdr 02:11:22:33:44:55",
+                      self.dev.on("upstream", "ip", "neigh", "show", "10.99.0.2").stdout)
+        for text in ("0:1:2:3:4:5;reboot", "0:1:2:3:4:5 down", "01:11:22:33:44:55"):
+            self.refused("ethmac", "0xFDFDFFF9", text)
+        self.assertEqual(self.dev.json("ethmac")["macaddr"], "02:11:22:33:44:55")
+
+    def test_2_ddns_update_reaches_the_provider_and_crond_holds_the_job(self):
+        dev = self.dev
+        self.refused("ddns", "0xFDFAFFF9", "enable=1", "domain=a.example;reboot", "username=u", "password=p")
+        self.assertFalse(dev.exists("/etc/cron/ddns.conf"))
+        self.qmtnm("set", "ddns", "enable=1", "domain=cam.example.net", "username=me & you@x",
+                   "password=p:ss w@rd&1")
+        self.assertEqual(dev.out("cat", "/var/spool/cron/crontabs/root"),
+                         "*/1 * * * * /etc/cron/ddns.conf > /dev/null\n")
+        self.assertEqual(dev.processes("crond"), ["crond"])
+        req = self.updated("the update", user="me & you@x", password="p:ss w@rd&1",
+                           hostname="cam.example.net")
+        self.assertEqual((req["path"], req["client"]), ("/dyndns/update", "10.99.0.2"))
+        self.assertEqual(dev.json("ddns")["password"], "********")
+        self.qmtnm("set", "ddns", "enable=0")  # off: no cron job and no crond left
+        self.assertEqual(dev.processes("crond"), [])
+        self.assertEqual(dev.out("ls", "/var/spool/cron/crontabs", "/etc/cron").split(),
+                         ["/etc/cron:", "/var/spool/cron/crontabs:"])
+        self.assertEqual(dev.json("ddns", "--secrets")["password"], "p:ss w@rd&1")
+
+    def test_3_pppoe_account_is_applied_by_the_next_boot(self):
+        dev = self.dev
+        self.refused("pppoe", "0xFDF9FFF9", "enable=1", "username=a\nplugin /tmp/x.so", "password=pw")
+        self.assertEqual(dev.activate_flag(), 1)  # a refused set asks for no reboot
+        mark = dev.log_size()
+        out = self.qmtnm("set", "pppoe", "enable=1", 'username=isp"user', "password=pw 1").stdout
+        self.assertIn("password       = ********", out)
+        dev.wait_log(log_line("pppoe_activate_now", "function request reboot"), mark)
+        dev.wait_log(REBOOT, mark)
+        self.assertEqual((dev.activate_flag(), dev.processes("pppd"), dev.exists("/etc/ppp/options")),
+                         (0, [], False))
+        self.assertEqual(dev.stored("network_pppoe/username"), '"isp\\"user"')
+        dev.reboot()
+        self.assertIn("pppoe: applied", dev.boot_log())
+        options = dev.out("cat", "/etc/ppp/options").splitlines()
+        self.assertEqual((options[0], options[-1], len(options)),
+                         ('name "isp\\"user"', "plugin /lib/ppp/rp-pppoe.so br0", 15))
+        for f in ("pap", "chap"):
+            self.assertEqual(dev.out("cat", f"/etc/ppp/{f}-secrets"), '"isp\\"user"\t*\t"pw 1"\n')
+        # pppd read the options and went on until the missing kernel PPP support stopped it.
+        dev.wait_log(r"pppd\[\d+\]: Plugin /lib/ppp/rp-pppoe.so loaded\.")
+        dev.wait_log(r"pppd\[\d+\]: Couldn't open the /dev/ppp device")
+        self.assertNotRegex(dev.log(), r"pppd\[\d+\]: .*(unrecognized option|In file)")
+        self.assertEqual(dev.activate_flag(), 1)
+        got = dev.json("pppoe", "--secrets")
+        self.assertEqual((got["enable"], got["username"], got["password"], got["connected"]),
+                         (1, 'isp"user', "pw 1", 0))
+
+    def test_4_settings_stored_for_the_reboot_are_live_after_it(self):
+        dev = self.dev
+        dev.activate_flag(0)
+        self.qmtnm("set", "qos", "enable=1", "dscp=46")
+        self.qmtnm("set", "ddns", "enable=1", "domain=boot.example.net", "username=u1", "password=p1")
+        self.assertEqual(([l for l in dev.mangle() if "qos_mangle_chain" in l], dev.processes("crond")), ([], []))
+        # Ethernet type 1 switches PPPoE and DDNS off in the store for the next boot.
+        self.qmtnm("set", "ethtype", "type=1")
+        self.assertEqual((dev.json("ddns")["enable"], dev.json("pppoe")["enable"]), (0, 0))
+        self.qmtnm("set", "ddns", "enable=1")  # DDNS on again, stored only
+        dev.reboot()
+        self.assertEqual(dev.boot_log()[-10:], [f"{a}: applied" for a in (
+            "qos", "wan", "lan", "ipfilter", "pppoe", "ddns", "upnp", "bonjour", "ap", "sta")])
+        self.assertEqual(dev.dscp_received_upstream(), 46)
+        self.assertEqual([dev.processes(p) for p in ("crond", "pppd", "udhcpd")], [["crond"], [], ["udhcpd"]])
+        self.updated("the boot's update", user="u1", hostname="boot.example.net")
+        self.assertEqual(dev.activate_flag(), 1)
+        # One failing area does not stop the others.
+        self.qmtnm("set", "qos", "enable=1", "dscp=10")
+        dev.run("sysconf", "del", "network/network_lan/port")
+        r = self.qmtnm("boot", check=False)
+        self.assertEqual(r.returncode, 1)
+        self.assertIn("lan: settings store read or write failed (0xFDFBFFFE)", r.stderr.splitlines())
+        # The soft AP bridges by the same stored port, so it fails too; the station does not.
+        self.assertEqual(r.stdout.splitlines(), [f"{a}: applied" for a in (
+            "qos", "wan", "ipfilter", "pppoe", "ddns", "upnp", "bonjour", "sta")])
+        self.assertIn("-A qos_mangle_chain -j DSCP --set-dscp 0x0a", dev.mangle())
+        dev.run("sysconf", "set", "-s", "network/network_lan/port", "br0")
+
+    def test_5_full_text_fields_are_applied_whole_after_a_reboot(self):
+        dev = self.dev
+        ssid, domain, host = "s" * 32, "d" * 24 + ".example", "h" * 64
+        self.qmtnm("set", "sta", "enable=1", f"ssid={ssid}", "auth=0")
+        self.qmtnm("set", "ddns", "enable=1", f"domain={domain}", "username=u", "password=p")
+        self.qmtnm("set", "bonjour", "enable=1", f"hostname={host}")
+        dev.reboot()
+        self.assertIn("sta: applied", dev.boot_log())
+        self.assertEqual(dev.out(*simdevice.WPA_CLI, "get_network", "0", "ssid").strip(), f'"{ssid}"')
+        self.assertIn(f"hostname={domain}&", dev.out("cat", "/etc/cron/ddns.conf"))
+        self.updated("the boot's update", hostname=domain)
+        self.assertEqual(dev.out("hostname").strip(), host)
+        self.assertIn(f"\t{host}\n", dev.out("cat", "/var/conf/hosts"))
+
+    def test_6_a_restored_backup_with_hostile_values_is_refused_at_power_on(self):
+        """Each stored value would run a command or add a line to a daemon's file if applied."""
+        dev = self.dev
+        self.qmtnm("set", "qos", "enable=1", "dscp=12")
+        dev.run("sh", "-c", "cat >/tmp/backup.conf && sysconf load /tmp/backup.conf", input="".join(
+            f"network/network_{k} = {v}\n" for k, v in [
+                ("ipfilter/common/enable", "1"), ("ipfilter/common/index", "1"),
+                ("ipfilter/rules/#0/begin_ip", '"1;touch /tmp/p;"'), ("ipfilter/rules/#0/end_ip", '"1.1.1.9"'),
+                ("ddns/enable", "1"), ("ddns/domain", '"x;touch /tmp/q;"'), ("sta/enable", "1"),
+                ("sta/auth", "1"), ("sta/index", "1"), ("sta/password", '"$(touch /tmp/r)"'),
+                ("softap/auth", "3"), ("softap/password", '"12345678\\nwpa=0"'),
+                ("upnp/friendlyName", '"cam\\nsecure_mode=no"'),
+                ("bonjour/hostname", '"cam\\n10.6.6.6\\tevil"')]))
+        dev.reboot()
+        lines = dev.boot_log()
+        for area in ("ipfilter", "ddns", "upnp", "bonjour", "ap", "sta"):
+            self.assertIn(f"{area}: stored settings refused, not applied", lines)
+        for area in ("qos", "wan", "lan", "pppoe"):
+            self.assertIn(f"{area}: applied", lines)
+        self.assertIn("-A qos_mangle_chain -j DSCP --set-dscp 0x0c", dev.mangle())
+        self.assertEqual(dev.run("ls", "/tmp/p", "/tmp/q", "/tmp/r", check=False).stdout, "")
+        self.assertNotIn("ipf_chain", dev.out("iptables", "-S"))
+        self.assertEqual(dev.processes("crond"), [])
+        for path, text in (("miniupnpd.conf", "secure_mode"), ("hostapd.conf", "wpa=0"), ("../conf/hosts", "evil")):
+            self.assertNotIn(text, dev.run("cat", f"/var/nm/{path}", check=False).stdout)
+        dev.wait_log(log_line("qmtnm_lcl_apply_stored", "stored ipfilter_lcl settings refused, "
+                              "not applied, errno = -34144263"))
+
+
+class Services(SimTestCase):
+    """The services as a laptop on the LAN sees them (sim/bin/lan-probe sends real packets)."""
+
+    def probe(self, *args):
+        return self.dev.on("lan", "lan-probe", *args, check=False)
+
+    def pids(self, name):
+        return self.dev.sh(f"pidof {name} || true").stdout.split()
+
+    def reach(self, *sources):
+        """What a connection to the web service from each source gets: a status, or timeout."""
+        return {s: self.probe("http-get", "http://192.168.1.1/", "--source", s, "--timeout", "1")
+                .stdout.strip() for s in sources}
+
+    def test_ip_filter_lets_exactly_the_listed_addresses_reach_port_80(self):
+        dev, both = self.dev, ("192.168.1.10", "192.168.1.20")
+        self.assertEqual(self.reach(*both), dict.fromkeys(both, "200"))
+        for words, want in (
+                (["mode=white", "rule=192.168.1.10-192.168.1.10"], ("200", "timeout")),
+                (["mode=black", "rule=192.168.1.10-192.168.1.15", "rule=192.168.1.40-192.168.1.41"],
+                 ("timeout", "200"))):
+            for _ in range(2):  # a set repeated keeps one chain, hooked once
+                self.qmtnm("set", "ipfilter", "enable=1", *words)
+            self.assertEqual(self.reach(*both), dict(zip(both, want)), words)
+            rules = dev.out("iptables", "-S").splitlines()
+            self.assertEqual((rules.count("-N ipf_chain"), rules.count("-A INPUT -j ipf_chain")), (1, 1))
+        # Text inet_aton would take and the shell would run is refused; nothing changes.
+        before = dev.out("iptables", "-S", "ipf_chain")
+        for text in ("1.1.1.1 $(halt)", "1.1.1.1;>/tmp/pw"):
+            self.refused("ipfilter", "0xFDF6FFF9", f"rule={text}-1.1.1.2")
+        self.assertFalse(dev.exists("/tmp/pw"))
+        self.assertEqual(dev.out("iptables", "-S", "ipf_chain"), before)
+        self.assertEqual(dev.json("ipfilter")["rules"], ["192.168.1.10-192.168.1.15", "192.168.1.40-192.168.1.41"])
+        self.qmtnm("set", "ipfilter", "enable=0")  # off: the chain gone, the port open to all
+        self.assertEqual(self.reach(*both), dict.fromkeys(both, "200"))
+        self.assertNotIn("ipf_chain", dev.out("iptables", "-S"))
+
+    def test_upnp_device_is_found_by_ssdp_with_its_friendly_name(self):
+        name = "Cam's den (2)"  # the daemon writes it into its XML unescaped
+        self.qmtnm("set", "upnp", "enable=1", f"friendlyName={name}")
+        answers = poll("the device's SSDP answer", lambda: (
+            r := self.probe("ssdp-search", "--st", "upnp:rootdevice", "--json")).returncode == 0
+            and [simdevice.json.loads(l) for l in r.stdout.splitlines()])
+        self.assertEqual([a["friendlyName"] for a in answers], [name])
+        self.assertTrue(answers[0]["location"].startswith("http://192.168.1.1:"), answers)
+        self.assertEqual(len(self.pids("miniupnpd")), 1)
+        self.qmtnm("set", "upnp", "enable=0")
+        self.assertEqual(self.pids("miniupnpd"), [])
+        self.assertEqual(self.probe("ssdp-search", "--st", "upnp:rootdevice").returncode, 1)
+
+    def test_host_name_and_web_service_over_multicast_dns(self):
+        self.qmtnm("set", "bonjour", "enable=1", "hostname=cam's")
+        self.assertEqual(self.dev.out("hostname"), "cam's\n")
+        self.assertEqual(poll("cam's.local over mDNS", lambda: self.probe(
+            "mdns-resolve", "cam's.local").stdout.split()), ["192.168.1.1"])
+        browsed = poll("_http._tcp over mDNS", lambda: self.probe("mdns-browse", "_http._tcp").stdout.splitlines())
+        self.assertEqual([l.split("\t")[1:3] for l in browsed], [["cam's.local.", "80"]])
+        self.qmtnm("set", "bonjour", "enable=0")
+        self.assertEqual(self.pids("mDNSResponderPosix"), [])
+        self.assertEqual(self.probe("mdns-resolve", "cam's.local", "--timeout", "2").returncode, 1)
+
+
+if __name__ == "__main__":
+    simdevice.main()
