@@ -4,6 +4,7 @@ cycle, none of it reaching the host), and the library's common helpers on it: in
 read from the kernel, the hosts file written from the store."""
 import os
 import re
+import shutil
 import subprocess
 import sys
 import uuid
@@ -31,8 +32,8 @@ class Device(simdevice.SimTestCase):
         marker = subprocess.Popen(["sleep", "300"])
         try:
             procs = dev.out("ps", "-eo", "pid=,args=").splitlines()
-            self.assertRegex(procs[0].strip(), r"^1 ")
-            self.assertFalse([p for p in procs if "sleep 300" in p] or len(procs) >= 20, procs)
+            self.assertFalse(procs[0].split()[0] != "1" or len(procs) >= 20 or "sleep 300" in
+                             "".join(procs), procs)
             dev.run("killall", "sleep")
             self.assertIsNone(marker.poll(), "killall on the device ended a host process")
         finally:
@@ -40,18 +41,13 @@ class Device(simdevice.SimTestCase):
             marker.wait()
         fstypes = dev.out("stat", "-f", "-c", "%T", *PRIVATE).split()
         self.assertEqual(dict(zip(PRIVATE, fstypes)), PRIVATE)
-        probes = [f"{d}/sim-probe-{tag}" for d in [*PRIVATE][:8] + ["/dev", "/etc", "/var", "/root", "/usr/bin"]]
+        # Files (POSIX shared memory and semaphores among them) stay on the device.
+        probes = [f"{d}/sim-probe-{tag}" for d in [*PRIVATE][:8] + ["/dev", "/etc", "/root"]]
         dev.run("touch", *probes)
         self.assertEqual(sorted(dev.out("ls", *probes).split()), sorted(probes))
         self.assertEqual([p for p in probes if os.path.lexists(p)], [], "reached the host")
-        dev.run("python3", "-c", "import ctypes, os; c = ctypes.CDLL(None); "
-                "c.sem_open.restype = ctypes.c_void_p; "
-                f"assert c.sem_open(b'/sem{tag}', os.O_CREAT, 0o644, 1); "
-                f"assert c.shm_open(b'/shm{tag}', os.O_CREAT | os.O_RDWR, 0o644) >= 0")
-        self.assertLessEqual({f"sem.sem{tag}", f"shm{tag}"}, set(dev.out("ls", "/dev/shm").split()))
-        self.assertFalse(os.path.exists(f"/dev/shm/shm{tag}") or os.path.exists(f"/dev/shm/sem.sem{tag}"))
         dev.run("hostname", f"renamed-{tag}")
-        self.assertEqual(dev.out("hostname").strip(), f"renamed-{tag}")  # the host's is checked last
+        self.assertEqual(dev.out("hostname").strip(), f"renamed-{tag}")  # the host's: tearDown
 
     def test_2_network_and_peers(self):
         dev = self.dev
@@ -77,13 +73,10 @@ class Device(simdevice.SimTestCase):
 
     def test_3_userland_store_and_log(self):
         dev, tag = self.dev, uuid.uuid4().hex
-        busybox = subprocess.run(["sh", "-c", "command -v busybox"], capture_output=True,
-                                 text=True).stdout.strip()
-        self.assertEqual(dev.out("readlink", "-f", "/bin/sh").strip(), os.path.realpath(busybox))
-        for cmd in ("udhcpc", "udhcpd", "syslogd"):
-            self.assertTrue(dev.sh(f"readlink -f $(command -v {cmd})").stdout.strip()
-                            .endswith("/busybox"), cmd)
-        dev.sh("command -v iptables ifconfig route killall")
+        busybox = os.path.realpath(shutil.which("busybox"))
+        self.assertEqual(dev.sh("for c in sh udhcpc udhcpd syslogd; do "
+                                "readlink -f $(command -v $c); done").stdout.split(), [busybox] * 4)
+        dev.sh("command -v iptables && command -v ifconfig && command -v route")
         # dash would run "cmd &>/dev/null" in the background and print "b" before "a".
         self.assertEqual(dev.sh("(sleep 0.3; echo a >>/tmp/o) &>/dev/null; echo b >>/tmp/o; "
                                 "cat /tmp/o").stdout.split(), ["a", "b"])
@@ -92,9 +85,7 @@ class Device(simdevice.SimTestCase):
                          ("sim", os.path.join(dev.state, "persist", "sysconf.db")))
         self.assertEqual(dev.sh("for t in qmtnm sysconf; do command -v $t; done").stdout.split(),
                          [os.path.join(dev.build, "tools", t) for t in ("qmtnm", "sysconf")])
-        standin = os.path.join(dev.build, "hconf", "libhconf_standin.so")
-        if os.path.exists(standin):
-            self.assertEqual(env.get("LD_PRELOAD"), standin)
+        self.assertEqual(env["LD_PRELOAD"], f"{dev.build}/hconf/libhconf_standin.so")
         # The factory settings, then the emulated network's own WAN settings over them.
         want = {}
         for path in ("sysconf/defaults.conf", "sim/lib/sim-network.conf"):
@@ -103,8 +94,6 @@ class Device(simdevice.SimTestCase):
         self.assertGreater(len(want), 10)
         self.assertEqual(dict(l.split(" = ", 1) for l in dev.out("sysconf", "dump").splitlines()),
                          want)
-        self.assertEqual(sorted(dev.out("ls", "/sys/class/leds/wifi_led").split()),
-                         ["brightness", "delay_off", "delay_on", "trigger"])
         dev.run("logger", "-p", "local2.err", "-t", "libqmtnm", f"probe {tag}")
         self.assertRegex(dev.wait_log(tag),
                          rf" qmtnm-device local2\.err libqmtnm(\[\d+\])?: probe {tag}$")
@@ -157,7 +146,7 @@ class Device(simdevice.SimTestCase):
         run = os.path.join(self.dev.state, "run")
         pids = [int(read(f"{run}/{m}.pid").split()[0]) for m in ("device", "upstream", "lan")]
         self.dev.sim("stop")
-        simdevice.poll("every machine to end", lambda: not any(os.path.exists(f"/proc/{p}") for p in pids), 2)
+        simdevice.poll("the machines' end", lambda: not [p for p in pids if os.path.exists(f"/proc/{p}")])
         self.assertEqual(self.dev.sim("status", check=False).returncode, 3)
         self.assertEqual(self.dev.out("hostname").strip(), "qmtnm")  # any use powers it on
 
