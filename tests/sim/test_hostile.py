@@ -1,19 +1,13 @@
 #!/usr/bin/env python3
-"""Hostile text in every caller text field, on the emulated appliance: FIELDS x PAYLOADS, each
-cell of the table marked with its outcome. A (accepted): the text arrives intact where the area
-puts it (the supplicant's network and its saved file read back, hostapd.conf, pppd's files split
-into words as pppd splits them, the DDNS script's URL decoded and the provider's record of the
-update, miniupnpd.conf, the host name and hosts file, the packet filter's rule), every file with
-the lines and fields of the benign set. R (refused): the area's invalid-input code, with nothing
-run, stored or changed. No payload's command may create its marker file under /tmp.
-
-HostileInput sets each case: the qmtnm tool's words, or, where they cannot say it (a full field,
-an address with a '-'), qmtnm-raw-set (raw_set.cpp). StoredHostileInput writes it straight into
-the store (sysconf set, or loading a restored settings file) and applies it as the start-up does.
-The cases of one area run in one trip to the device: this file, started there with --device,
-runs them and reports what it saw as JSON. The station's PIN is tried with hostile text only (a
-valid one starts a two-minute WPS attempt) and never stored; hostapd cannot run on the emulated
-radio, so its file is judged.
+"""Hostile text in every caller text field on the emulated appliance: FIELDS x PAYLOADS, each
+cell marked with its outcome. A: accepted, the text arriving intact where the area puts it (the
+supplicant's network and its saved file read back, hostapd.conf, pppd's files split into words as
+pppd does, the DDNS URL decoded and the provider's record, miniupnpd.conf, host name and hosts
+file, the packet filter), every file with the lines and fields of the benign set. R: refused with
+the area's invalid-input code, nothing run, stored or changed. No command may create its marker
+under /tmp. HostileInput sets each case (the tool's words, or raw_set.cpp where they cannot say
+it); StoredHostileInput writes it into the store and applies it as the start-up does. An area's
+cases run in one trip: this file, started on the device with --device, reports them as JSON.
 """
 import json
 import os
@@ -65,9 +59,9 @@ class Field:
         return None if w is None else self.context + w
 
     def cases(self):
-        texts = [self.benign] + [self.fit(t, f"/tmp/p{i:x}") for i, t in enumerate(PAYLOADS)] + [self.full]
-        return [(mark, text, i == len(texts) - 1) for i, (mark, text) in enumerate(zip(self.expect, texts))
-                if mark != "-"]
+        texts = [self.fit(t, f"/tmp/p{i:x}") for i, t in enumerate(PAYLOADS)]
+        texts = [(self.benign, False)] + [(t, False) for t in texts] + [(self.full, True)]
+        return [(mark, *t) for mark, t in zip(self.expect, texts) if mark != "-"]
 
 
 STA = ["enable=1", "ssid=benign-net", "auth=2", "encry=0", "password=benign-pass"]
@@ -75,23 +69,26 @@ WEP = ["enable=1", "ssid=benign-net", "auth=1", "index=1", "password=benign-wep-
 AP = ["enable=1", "ssid=benign-ap", "channel=6", "hw_mode=1", "hide_ssid=0", "auth=3", "encry=0",
       "password=benign-pass", "wps_enable=0"]
 AP_WEP = AP[:5] + ["auth=1", "index=1", "password=benign-wep-13"]
-DDNS = ["enable=1", "type=0", "domain=cam.example.net", "username=user", "password=pass"]
+DDNS_LOGIN = {"domain": "cam.example.net", "username": "user", "password": "pass"}
+DDNS = ["enable=1", "type=0"] + [f"{k}={v}" for k, v in DDNS_LOGIN.items()]
 PPPOE = ["enable=1", "username=user", "password=pass"]
 IPF, BEGIN, END = ["enable=1", "mode=black"], "1.1.1.1", "1.1.1.9"
-# Columns of the marks: benign | ' " ; & | $( ` \ | LF CR TAB | blank # % - UTF-8 | full field
+# Columns of the marks: benign | ' " ; & | $( ` \ | LF CR TAB | blank # % - UTF-8 | full field.
+# A valid station PIN would start a two-minute WPS attempt: it gets the hostile ones only.
 FIELDS = [
     Field("sta", "ssid", 32, 1, 32, "benign-net", STA, "A AAAAAAAA RRR AAAAA A"),
     Field("sta", "password", 64, 8, 64, "benign-pass", STA, "A AAAAAAAA RRR AAAAA A"),
     # WEP keys of 13 characters stand quoted, of 10 (hexadecimal) unquoted.
-    Field("sta", "password", 64, 0, 64, "benign-wep-13", WEP, "A AAAAAAAA RRR AAAAA R", exact=13),
-    Field("sta", "password", 64, 0, 64, "0123456789", WEP[:4], "A RRRRRRRR RRR RRRRR R", exact=10),
+    Field("sta", "password", 64, 0, 64, "benign-wep-13", WEP, "A AAAAAAAA RRR AAAAA R", 13),
+    Field("sta", "password", 64, 0, 64, "0123456789", WEP[:4], "A RRRRRRRR RRR RRRRR R", 10),
     Field("sta", "wps_pin", 9, 0, 8, None, STA, "- RRRRRRRR RRR RRRRR R", full="123456789",
           word=lambda t: ["wps=pin", f"pin={t}"] if len(t.encode()) <= 8 else None),
     Field("ap", "ssid", 32, 1, 32, "benign-ap", AP, "A AAAAAAAA RRR AAAAA A"),
     Field("ap", "password", 64, 8, 64, "benign-pass", AP, "A AAAAAAAA RRR AAAAA A"),
-    Field("ap", "password", 64, 0, 64, "benign-wep-13", AP_WEP, "A AAAAAAAA RRR AAAAA R", exact=13),
-    Field("ap", "password", 64, 0, 64, "0123456789", AP_WEP[:7], "A RRRRRRRR RRR RRRRR R", exact=10),
-    Field("ap", "wps_pin", 16, 0, 16, "12345670", AP, "A AAAAAAAA AAA AAAAA A", full="1234567012345670"),
+    Field("ap", "password", 64, 0, 64, "benign-wep-13", AP_WEP, "A AAAAAAAA RRR AAAAA R", 13),
+    Field("ap", "password", 64, 0, 64, "0123456789", AP_WEP[:7], "A RRRRRRRR RRR RRRRR R", 10),
+    Field("ap", "wps_pin", 16, 0, 16, "12345670", AP, "A AAAAAAAA AAA AAAAA A",
+          full="1234567012345670"),
     Field("ddns", "domain", 32, 1, 32, "cam.example.net", DDNS, "A RRRRRRRR RRR RRRRR A",
           full="full-" + "a" * 19 + ".example"),
     Field("ddns", "username", 32, 1, 32, "user", DDNS, "A AAAAAAAA AAA AAAAA A"),
@@ -103,10 +100,11 @@ FIELDS = [
     Field("upnp", "friendlyName", 64, 0, 64, "Camera", ["enable=1"], "A AAAAAAAA RRR AAAAA R"),
     Field("bonjour", "hostname", 64, 0, 64, "camera", ["enable=1"], "A AAAAAAAA RRR RRARA A"),
     # rule=BEGIN-END: a begin address with a '-' in it goes through the driver.
-    Field("ipfilter", "begin_ip", 17, 1, 15, BEGIN, IPF, "A RRRRRRRR RRR RRRRR R", full=BEGIN + ";>/tmp/pzx",
-          word=lambda t: None if "-" in t else [f"rule={t}-{END}"], value=BEGIN),
-    Field("ipfilter", "end_ip", 17, 1, 15, END, IPF, "A RRRRRRRR RRR RRRRR R", full=END + ";>/tmp/pzx",
-          word=lambda t: [f"rule={BEGIN}-{t}"], value=END),
+    Field("ipfilter", "begin_ip", 17, 1, 15, BEGIN, IPF, "A RRRRRRRR RRR RRRRR R",
+          full=BEGIN + ";>/tmp/pzx", word=lambda t: None if "-" in t else [f"rule={t}-{END}"],
+          value=BEGIN),
+    Field("ipfilter", "end_ip", 17, 1, 15, END, IPF, "A RRRRRRRR RRR RRRRR R",
+          full=END + ";>/tmp/pzx", word=lambda t: [f"rule={BEGIN}-{t}"], value=END),
 ]
 MODULE = {"sta": 0xF0, "ap": 0xEF, "ddns": 0xFA, "pppoe": 0xF9, "ethmac": 0xFD, "upnp": 0xF8,
           "bonjour": 0xF7, "ipfilter": 0xF6}
@@ -117,9 +115,10 @@ FILES = {"sta": [SUPPLICANT], "ap": ["/var/nm/hostapd.conf"], "upnp": ["/var/nm/
          "ddns": ["/etc/cron/ddns.conf", "/var/spool/cron/crontabs/root"],
          "pppoe": ["/etc/ppp/options", "/etc/ppp/pap-secrets", "/etc/ppp/chap-secrets"],
          "bonjour": ["/var/conf/hosts", "/proc/sys/kernel/hostname"]}
-LIVE = {"sta": {"networks": WPA_CLI + ["list_networks"], "ssid": WPA_CLI + ["get_network", "0", "ssid"]},
+LIVE = {"sta": {"networks": WPA_CLI + ["list_networks"],
+                "ssid": WPA_CLI + ["get_network", "0", "ssid"]},
         "ethmac": {"eth0": ["cat", "/sys/class/net/eth0/address"]},
-        "ipfilter": {"ipf_chain": ["iptables", "-S", "ipf_chain"], "INPUT": ["iptables", "-S", "INPUT"]},
+        "ipfilter": {c: ["iptables", "-S", c] for c in ("ipf_chain", "INPUT")},
         # Bonjour's own rewrite of the hosts file runs before the set stores the new name.
         "bonjour": {"hosts from the store": ["sh", "-c", "qmtnm hosts && cat /var/conf/hosts"]}}
 
@@ -136,18 +135,28 @@ def run(cmd, env, timeout=30):
             rc = "timeout"
         out.seek(0)
         err.seek(0)
-        return rc, out.read().decode(errors="surrogateescape"), err.read().decode(errors="surrogateescape")
+        return rc, decoded(out.read()), decoded(err.read())
+
+
+def decoded(data):
+    return data.decode(errors="surrogateescape")
+
+
+def read(path):
+    with open(path, "rb") as f:
+        return decoded(f.read())
 
 
 def flag(value=None):
     with open("/dev/shm/lcl_activate", "r+b") as f:
-        return f.write(value.to_bytes(4, sys.byteorder)) if value is not None else int.from_bytes(f.read(4), sys.byteorder)
+        if value is not None:
+            f.write(value.to_bytes(4, sys.byteorder))
+        return int.from_bytes(f.read(4), sys.byteorder)
 
 
 def device_state(area, env):
     s = {"stored": run(["qmtnm", "get", area, "--json", "--secrets"], env)[1], "flag": flag()}
-    for path in FILES.get(area, []):
-        s[path] = open(path, "rb").read().decode(errors="surrogateescape") if os.path.exists(path) else None
+    s |= {path: read(path) if os.path.exists(path) else None for path in FILES.get(area, [])}
     return s | {name: run(cmd, env)[1] for name, cmd in LIVE.get(area, {}).items()}
 
 
@@ -184,7 +193,7 @@ def device_case(job, case, n, env):
     if area == "sta" and accepted:  # the supplicant reads its saved file back and saves it again
         run(WPA_CLI + ["reconfigure"], env)
         run(WPA_CLI + ["save_config"], env)
-        after["reloaded"] = open(SUPPLICANT, "rb").read().decode(errors="surrogateescape")
+        after["reloaded"] = read(SUPPLICANT)
     return {"rc": rc, "out": out, "err": err, "before": before, "after": after}
 
 
@@ -203,7 +212,8 @@ def device_main():
     run(["qmtnm", "boot"], env)  # everything applied from the benign settings
     results = [device_case(job, c, n, env) for n, c in enumerate(job["cases"])]
     time.sleep(1)  # for anything a payload might have sent to the background
-    json.dump({"tmp": sorted(set(os.listdir("/tmp")) - set(tmp_before)), "results": results}, sys.stdout)
+    json.dump({"tmp": sorted(set(os.listdir("/tmp")) - set(tmp_before)), "results": results},
+              sys.stdout)
 
 
 # ---- judging, here ----------------------------------------------------------------------------
@@ -217,7 +227,7 @@ def unquote(value):
     if len(value) >= 2 and value[0] == value[-1] == '"':
         return value[1:-1]
     try:
-        return bytes.fromhex(value).decode(errors="surrogateescape")
+        return decoded(bytes.fromhex(value))
     except ValueError:
         return f"<not text: {value!r}>"
 
@@ -248,58 +258,60 @@ def pppd_words(line):
 
 def arrival(f, text, a, b):
     """(got, want) for an accepted case: a is the state after it, b after the benign set."""
+    creds = {**DDNS_LOGIN, f.name: text}
     if f.area == "sta":
         conf, b_conf = a[SUPPLICANT] or "", b[SUPPLICANT]
         (outside, net), (b_outside, b_net) = network(conf), network(b_conf)
-        value, keys = dict(net), [k for k, _ in net]
         if f.name == "password" and not f.exact and len(text) == 64:
             # Taken by the check, too long for the supplicant: no psk, nothing added to the file.
-            new = {l.strip().partition("=")[0] for l in conf.split("\n")} - \
-                {l.strip().partition("=")[0] for l in b_conf.split("\n")}
-            return (new, value.get("psk")), (set(), None)
+            keys = [{l.strip().partition("=")[0] for l in c.split("\n")} for c in (conf, b_conf)]
+            return (keys[0] - keys[1], dict(net).get("psk")), (set(), None)
         key = "ssid" if f.name == "ssid" else "wep_key0" if f.exact else "psk"
-        got = value.get(key, "")
-        got = got if f.exact == 10 else f'"{unquote(got)}"' if key != "psk" else got
-        return ((outside, keys, got, len(a["networks"].strip("\n").split("\n")), a.get("reloaded"),
-                 unquote(a["ssid"].strip("\n")) if key == "ssid" else None),
-                (b_outside, [k for k, _ in b_net], text if f.exact == 10 else f'"{text}"', 2, conf,
-                 text if key == "ssid" else None))
+        got = dict(net).get(key, "")
+        got = got if f.exact == 10 or key == "psk" else f'"{unquote(got)}"'
+        ssid = unquote(a["ssid"].strip("\n")) if key == "ssid" else text
+        networks = len(a["networks"].strip("\n").split("\n"))  # a heading and ours
+        return ((outside, [k for k, _ in net], got, ssid, networks, a.get("reloaded")),
+                (b_outside, [k for k, _ in b_net], text if f.exact == 10 else f'"{text}"', text, 2,
+                 conf))
     if f.area == "ap":
         conf, b_conf = a["/var/nm/hostapd.conf"] or "", b["/var/nm/hostapd.conf"]
-        if f.name == "wps_pin":  # the soft AP's PIN comes from appin_lcl; the record's is not used
-            return ((conf, json.loads(a["stored"])["wps_pin"]), (b_conf, json.loads(b["stored"])["wps_pin"]))
+        if f.name == "wps_pin":  # the soft AP's PIN comes from appin_lcl, not from the record
+            return [(c, json.loads(s["stored"])["wps_pin"]) for c, s in ((conf, a), (b_conf, b))]
         key = "wep_key0" if f.exact else {"ssid": "ssid", "password": "wpa_passphrase"}[f.name]
-        lines = dict(l.partition("=")[::2] for l in conf.split("\n"))
-        return (([l.partition("=")[0] for l in conf.split("\n")], lines.get(key),
-                 f.exact != 10 or re.fullmatch("[0-9a-fA-F]+", text) is not None),
-                ([l.partition("=")[0] for l in b_conf.split("\n")], f'"{text}"' if f.exact == 13 else text, True))
+        keys = [[l.partition("=")[0] for l in c.split("\n")] for c in (conf, b_conf)]
+        value = dict(l.partition("=")[::2] for l in conf.split("\n")).get(key)
+        # hostapd reads an unquoted key as hexadecimal digits.
+        return ((keys[0], value, f.exact != 10 or re.fullmatch("[0-9a-fA-F]+", text) is not None),
+                (keys[1], f'"{text}"' if f.exact == 13 else text, True))
     if f.area == "ddns":
-        script, b_script = (a["/etc/cron/ddns.conf"] or "").split("\n"), b["/etc/cron/ddns.conf"].split("\n")
+        script, b_script = [(s["/etc/cron/ddns.conf"] or "").split("\n") for s in (a, b)]
         m, bm = (URL.match(s[1]) if len(s) == 3 else None for s in (script, b_script))
         if not (m and bm):
             return script, "a script of three lines, the second the update's URL"
         got = {"username": urllib.parse.unquote(m[2], errors="surrogateescape"),
                "password": urllib.parse.unquote(m[3], errors="surrogateescape"), "domain": m[5]}
-        return ((a["/var/spool/cron/crontabs/root"], script[0], script[2], m[1], m[4], got[f.name]),
-                (b["/var/spool/cron/crontabs/root"], b_script[0], "", bm[1], bm[4], text))
+        return ((a["/var/spool/cron/crontabs/root"], script[0], script[2], m[1], m[4], got),
+                (b["/var/spool/cron/crontabs/root"], b_script[0], "", bm[1], bm[4], creds))
     if f.area == "pppoe":  # the start-up applied the stored account, a full field whole
-        user, password = [text if f.name == n else d for n, d in (("username", "user"), ("password", "pass"))]
-        opts, b_opts = (a["/etc/ppp/options"] or "").split("\n"), b["/etc/ppp/options"].split("\n")
+        opts, b_opts = [(s["/etc/ppp/options"] or "").split("\n") for s in (a, b)]
         secret = a["/etc/ppp/pap-secrets"] or ""
-        return ((opts[1:], pppd_words(opts[0]), a["/etc/ppp/chap-secrets"], secret.count("\n"), pppd_words(secret)),
-                (b_opts[1:], ["name", user], secret, 1, [user, "*", password]))
+        return ((opts[1:], pppd_words(opts[0]), a["/etc/ppp/chap-secrets"], secret.count("\n"),
+                 pppd_words(secret)),
+                (b_opts[1:], ["name", creds["username"]], secret, 1,
+                 [creds["username"], "*", creds["password"]]))
     if f.area == "ethmac":
         return a["eth0"], text.lower() + "\n"
     if f.area == "upnp":
         return a["/var/nm/miniupnpd.conf"], f"enable=yes\nfriendlyName={text}\n"
     if f.area == "bonjour":
-        b_hosts = b["hosts from the store"].split("\n")
-        want_hosts = b_hosts[:3] + [f"{b_hosts[3].split()[0]}\t{text}"] + b_hosts[4:]
-        # The hosts file the set wrote holds the name stored before; the rewrite from the store, the new one.
+        # The set's own hosts file holds the name stored before; the store's rewrite the new one.
         hosts = (a["/var/conf/hosts"] or "").split("\n")
+        b_hosts = b["hosts from the store"].split("\n")
         return ((a["/proc/sys/kernel/hostname"], a["hosts from the store"].split("\n"),
                  hosts[:3] + hosts[4:], len(hosts[3].split()) if len(hosts) > 3 else 0),
-                (text + "\n", want_hosts, b_hosts[:3] + b_hosts[4:], 2))
+                (text + "\n", b_hosts[:3] + [f"{b_hosts[3].split()[0]}\t{text}"] + b_hosts[4:],
+                 b_hosts[:3] + b_hosts[4:], 2))
     old, new = f"{BEGIN}-{END}", f"{text}-{END}" if f.name == "begin_ip" else f"{BEGIN}-{text}"
     return (a["ipf_chain"], a["INPUT"]), (b["ipf_chain"].replace(old, new), b["INPUT"])
 
@@ -308,10 +320,12 @@ class HostileInput(SimTestCase):
     stored = False
 
     def test_every_field_with_every_payload(self):
-        areas = dict.fromkeys(f.area for f in FIELDS if not self.stored or f.area != "ethmac")
-        for area in areas:
+        # Neither the MAC address nor the station's PIN is stored.
+        fields = [f for f in FIELDS
+                  if not self.stored or f.area != "ethmac" and f.name != "wps_pin"]
+        for area in dict.fromkeys(f.area for f in fields):
             with self.subTest(area=area):
-                self.area(area, [f for f in FIELDS if f.area == area and not (self.stored and f.name == "wps_pin")])
+                self.area(area, [f for f in fields if f.area == area])
 
     def area(self, area, fields):
         """Runs the cases of the area's fields on the device; judges them here."""
@@ -327,38 +341,37 @@ class HostileInput(SimTestCase):
                          for f, mark, text, full in cases]}
         report = json.loads(self.dev.run("python3", os.path.realpath(__file__), "--device",
                                          input=json.dumps(job), timeout=240).stdout)
-        benign = {f.label: r["after"] for (f, _, text, _), r in zip(cases, report["results"]) if text == f.benign}
+        results = list(zip(cases, job["cases"], report["results"]))
+        benign = {f.label: r["after"] for (f, _, text, _), _, r in results if text == f.benign}
+        volatile = ["flag after the set"] + ["stored", "hosts from the store"] * self.stored
         accepted = []
-        for (f, mark, text, _), c, res in zip(cases, job["cases"], report["results"]):
-            with self.subTest(field=f.label, text=text, via="tool" if c["words"] else "driver"):
-                if c["words"] is None and not self.stored:
-                    got = {"0x00000000": "A", code: "R"}.get(res["out"].strip(), res["out"] + res["err"])
+        for (f, mark, text, _), case, r in results:
+            with self.subTest(field=f.label, text=text, via="tool" if case["words"] else "driver"):
+                if case["words"] is None and not self.stored:
+                    got = {"0x00000000": "A", code: "R"}.get(r["out"].strip(), r["out"] + r["err"])
                 else:
-                    got = "A" if res["rc"] == 0 else "R" if (res["rc"], res["err"]) == (1, refusal) \
-                        else f"exit {res['rc']}: {res['err']}"
+                    got = {(0, r["err"]): "A", (1, refusal): "R"}.get((r["rc"], r["err"]),
+                                                                      f"exit {r['rc']}: {r['err']}")
                 self.assertEqual(got, mark)
                 if got == "R":
-                    volatile = ("flag after the set",) + (("stored", "hosts from the store") if self.stored else ())
-                    self.assertEqual({k: v for k, v in res["after"].items() if k not in volatile},
-                                     {k: v for k, v in res["before"].items() if k not in volatile})
-                    self.assertEqual(res["after"]["flag after the set"], 1)
+                    self.assertEqual({k: v for k, v in r["after"].items() if k not in volatile},
+                                     {k: v for k, v in r["before"].items() if k not in volatile})
+                    self.assertEqual(r["after"]["flag after the set"], 1)
                 else:
-                    self.assertEqual(*arrival(f, text, res["after"], benign[f.label]))
-                    accepted.append((f, text))
+                    self.assertEqual(*arrival(f, text, r["after"], benign[f.label]))
+                    accepted.append({**DDNS_LOGIN, f.name: text})
         # Nothing new in /tmp but the DDNS update's answer (the benign script's -O file).
-        answers = {os.path.basename(m[1]) for s in benign.values() if (s.get("/etc/cron/ddns.conf") or "").count("\n") == 2
-                   and (m := URL.match(s["/etc/cron/ddns.conf"].split("\n")[1]))}
+        answers = {os.path.basename(m[1]) for s in benign.values()
+                   if (m := URL.match((s.get("/etc/cron/ddns.conf") or "\n").split("\n")[1]))}
         self.assertEqual(sorted(set(report["tmp"]) - answers), [], "a payload ran a command")
         if area == "ddns" and not self.stored:  # the provider saw every accepted text decoded
-            want = {tuple(text if f.name == n else d for n, d in (("domain", "cam.example.net"), ("username", "user"),
-                                                                  ("password", "pass"))) for f, text in accepted}
-            seen = lambda: {(r["query"].get("hostname", [None])[0], r["user"], r["password"])  # noqa: E731
-                            for r in self.dev.provider_requests()}
-            poll("the updates at the provider", lambda: want <= seen(), timeout=10)
+            want = {(c["domain"], c["username"], c["password"]) for c in accepted}
+            poll("the updates at the provider", lambda: want <= {
+                (r["query"].get("hostname", [None])[0], r["user"], r["password"])
+                for r in self.dev.provider_requests()}, timeout=10)
         if area == "pppoe":  # pppd read every options file without a word it did not know
-            log = self.dev.log()
-            self.assertRegex(log, r"pppd\[\d+\]: Plugin /lib/ppp/rp-pppoe.so loaded")
-            self.assertNotRegex(log, r"pppd\[\d+\]: .*(unrecognized option|In file)")
+            self.assertRegex(self.dev.log(), r"pppd\[\d+\]: Plugin /lib/ppp/rp-pppoe.so loaded")
+            self.assertNotRegex(self.dev.log(), r"pppd\[\d+\]: .*(unrecognized option|In file)")
 
 
 class StoredHostileInput(HostileInput):
