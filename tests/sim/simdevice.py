@@ -1,9 +1,6 @@
-"""Drives the emulated appliance (sim/device) from the integration tests.
-
-Every test class gets a device of its own (ctest gives each its own QMTNM_SIM_STATE):
-SimTestCase resets it before the first test, powers it off after the last, and checks that the
-host's packet filter, host name, links and paths did not change meanwhile.
-"""
+"""Drives the emulated appliance (sim/device) from the integration tests. Every test class gets a
+device of its own (ctest gives each its own QMTNM_SIM_STATE): SimTestCase resets it before the
+first test, powers it off after the last, and checks that the host did not change meanwhile."""
 import json
 import os
 import re
@@ -129,41 +126,32 @@ class Device:
 
     def activate_flag(self, value=None):
         """The 32-bit activate flag in the device's shared memory; sets it when value is given."""
-        code = ("import struct; f = open('/dev/shm/lcl_activate', 'r+b'); " +
-                (f"f.write(struct.pack('=I', {value}))" if value is not None else
-                 "print(struct.unpack('=I', f.read(4))[0])"))
-        r = self.out("python3", "-c", code).strip()
-        return None if value is not None else int(r)
+        if value is not None:
+            self.sh(f"printf '\\{value:o}\\0\\0\\0' | "
+                    "dd of=/dev/shm/lcl_activate conv=notrunc 2>/dev/null")
+        return int(self.out("od", "-An", "-tu4", "/dev/shm/lcl_activate"))
 
-    def dscp_received_upstream(self, port=5555):
+    def dscp_received_upstream(self):
         """Sends one UDP datagram to the upstream router; the DSCP the router read in it."""
-        listener = self.popen_on("upstream", "dscp-probe", "listen", "--port", str(port),
-                                 "--count", "1", "--timeout", "5")
-        try:
-            first = listener.stdout.readline()
-            if not first.startswith("listening"):
-                raise AssertionError(f"probe did not start: {first}{listener.stderr.read()}")
-            self.run("dscp-probe", "send", "10.99.0.1", "--port", str(port))
-            out, err = listener.communicate(timeout=10)
-        finally:
-            if listener.poll() is None:
-                listener.kill()
-                listener.wait()
-        m = re.search(r"^from 10\.99\.0\.2:\d+ tos 0x[0-9a-f]+ dscp (\d+) ", out, re.M)
-        if listener.returncode != 0 or not m:
-            raise AssertionError(f"no datagram from the device arrived upstream: {out}{err}")
-        return int(m.group(1))
+        listener = self.popen_on("upstream", "dscp-probe", "listen", "--port", "5555", "--count",
+                                 "1", "--timeout", "5")
+        out = listener.stdout.readline()  # listening: the datagram may go
+        self.run("dscp-probe", "send", "10.99.0.1", "--port", "5555")
+        out += "".join(listener.communicate(timeout=10))
+        m = re.search(r"(?m)^from 10\.99\.0\.2:\d+ tos 0x[0-9a-f]+ dscp (\d+) ", out)
+        if not m:
+            raise AssertionError(f"no datagram from the device arrived upstream: {out}")
+        return int(m[1])
 
 
 def host_snapshot():
     """What the host must keep to itself while devices come and go."""
-    def cmd(*a):
-        return subprocess.run(a, capture_output=True, text=True).stdout
-    links = sorted(re.sub(r"^\d+: ", "", l).split(":")[0] for l in cmd("ip", "-o", "link").splitlines())
-    paths = [p for p in ("/var/nm", "/var/conf", "/etc/cron", "/var/spool/cron",
-                         "/sys/class/leds/wifi_led", "/dev/log") if os.path.lexists(p)]
-    return {"mangle table": cmd("iptables", "-t", "mangle", "-S"), "filter table": cmd("iptables", "-S"),
-            "host name": cmd("hostname"), "links": links, "paths": paths}
+    cmd = lambda *a: subprocess.run(a, capture_output=True, text=True).stdout  # noqa: E731
+    return {"mangle table": cmd("iptables", "-t", "mangle", "-S"), "host name": cmd("hostname"),
+            "filter table": cmd("iptables", "-S"),
+            "links": sorted(re.findall(r"(?m)^\d+: ([^:@]+)", cmd("ip", "-o", "link"))),
+            "paths": [p for p in ("/var/nm", "/var/conf", "/etc/cron", "/var/spool/cron",
+                                  "/dev/log", "/sys/class/leds/wifi_led") if os.path.lexists(p)]}
 
 
 class SimTestCase(unittest.TestCase):
@@ -182,9 +170,9 @@ class SimTestCase(unittest.TestCase):
     def tearDownClass(cls):
         cls.dev.sim("stop")
         after = host_snapshot()
-        for what, before in cls.host_before.items():
-            if after[what] != before:
-                raise AssertionError(f"the host's {what} changed:\n{before}\n->\n{after[what]}")
+        changed = [what for what, before in cls.host_before.items() if after[what] != before]
+        if changed:
+            raise AssertionError(f"the host's {changed} changed: {cls.host_before} -> {after}")
 
     def qmtnm(self, *args, check=True, env=()):
         return self.dev.run("env", *env, "qmtnm", *args, check=check)

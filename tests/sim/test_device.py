@@ -24,21 +24,18 @@ HOSTS = ("# Do not remove the following line, or various programs\n"
 
 
 class Device(simdevice.SimTestCase):
-    def test_1_isolation(self):
+    def test_1_isolation_and_network(self):
         dev, tag = self.dev, uuid.uuid4().hex[:12]
         for ns in ("net", "mnt", "pid", "ipc", "uts"):
             self.assertNotEqual(dev.out("readlink", f"/proc/self/ns/{ns}").strip(),
                                 os.readlink(f"/proc/self/ns/{ns}"), ns)
         marker = subprocess.Popen(["sleep", "300"])
-        try:
-            procs = dev.out("ps", "-eo", "pid=,args=").splitlines()
-            self.assertFalse(procs[0].split()[0] != "1" or len(procs) >= 20 or "sleep 300" in
-                             "".join(procs), procs)
-            dev.run("killall", "sleep")
-            self.assertIsNone(marker.poll(), "killall on the device ended a host process")
-        finally:
-            marker.kill()
-            marker.wait()
+        self.addCleanup(marker.wait)
+        self.addCleanup(marker.kill)
+        procs = dev.out("ps", "-eo", "pid=,args=").splitlines()
+        self.assertFalse(procs[0].split()[0] != "1" or len(procs) >= 20, procs)
+        dev.run("killall", "sleep")
+        self.assertIsNone(marker.poll(), "killall on the device ended a host process")
         fstypes = dev.out("stat", "-f", "-c", "%T", *PRIVATE).split()
         self.assertEqual(dict(zip(PRIVATE, fstypes)), PRIVATE)
         # Files (POSIX shared memory and semaphores among them) stay on the device.
@@ -49,8 +46,7 @@ class Device(simdevice.SimTestCase):
         dev.run("hostname", f"renamed-{tag}")
         self.assertEqual(dev.out("hostname").strip(), f"renamed-{tag}")  # the host's: tearDown
 
-    def test_2_network_and_peers(self):
-        dev = self.dev
+        # The network, and the peers on it.
         links = dev.out("ip", "-d", "-o", "link")
         for name, kind in (("lo", "LOOPBACK"), ("eth0", " veth "), ("br0", " bridge "),
                            ("lan0", "master br0"), ("wlan0", " tun type tap "), ("wlan1", " tap ")):
@@ -71,7 +67,7 @@ class Device(simdevice.SimTestCase):
         r = self.qmtnm("iface", "nosuch0", check=False)
         self.assertEqual((r.returncode, r.stderr), (1, "nosuch0: No such device (-19)\n"))
 
-    def test_3_userland_store_and_log(self):
+    def test_2_userland_store_and_log(self):
         dev, tag = self.dev, uuid.uuid4().hex
         busybox = os.path.realpath(shutil.which("busybox"))
         self.assertEqual(dev.sh("for c in sh udhcpc udhcpd syslogd; do "
@@ -83,14 +79,11 @@ class Device(simdevice.SimTestCase):
         env = dict(l.split("=", 1) for l in dev.out("env").splitlines() if "=" in l)
         self.assertEqual((env["QMTNM_DEVICE"], env["SYSCONF_DB"]),
                          ("sim", os.path.join(dev.state, "persist", "sysconf.db")))
-        self.assertEqual(dev.sh("for t in qmtnm sysconf; do command -v $t; done").stdout.split(),
-                         [os.path.join(dev.build, "tools", t) for t in ("qmtnm", "sysconf")])
         self.assertEqual(env["LD_PRELOAD"], f"{dev.build}/hconf/libhconf_standin.so")
         # The factory settings, then the emulated network's own WAN settings over them.
-        want = {}
-        for path in ("sysconf/defaults.conf", "sim/lib/sim-network.conf"):
-            with open(os.path.join(simdevice.TOP, path)) as f:
-                want.update(re.findall(r"(?m)^(network/\S+) = (.*)$", f.read()))
+        files = ("sysconf/defaults.conf", "sim/lib/sim-network.conf")
+        want = dict(re.findall(r"(?m)^(network/\S+) = (.*)$",
+                               "".join(read(f"{simdevice.TOP}/{p}") for p in files)))
         self.assertGreater(len(want), 10)
         self.assertEqual(dict(l.split(" = ", 1) for l in dev.out("sysconf", "dump").splitlines()),
                          want)
@@ -98,7 +91,7 @@ class Device(simdevice.SimTestCase):
         self.assertRegex(dev.wait_log(tag),
                          rf" qmtnm-device local2\.err libqmtnm(\[\d+\])?: probe {tag}$")
 
-    def test_4_hosts_file_from_the_store(self):
+    def test_3_hosts_file_from_the_store(self):
         for key, value in (("wan/ipaddr", "10.99.0.2"), ("lan/ipaddr", "192.168.1.1"),
                            ("bonjour/hostname", "kitchen-cam")):
             self.dev.run("sysconf", "set", "-s", f"network/network_{key}", value)
@@ -115,7 +108,7 @@ class Device(simdevice.SimTestCase):
                                              "get hostname fail, errno = -50266114"), mark)
         self.dev.run("sysconf", "set", "-s", "network/network_bonjour/hostname", "qmtnm")
 
-    def test_5_reboot_keeps_the_stores_and_drops_the_rest(self):
+    def test_4_reboot_keeps_the_stores_and_drops_the_rest(self):
         dev = self.dev
         pidfile = os.path.join(dev.state, "run", "device.pid")
         init = read(pidfile)
@@ -142,11 +135,11 @@ class Device(simdevice.SimTestCase):
         self.assertEqual(dev.activate_flag(), 1)
         self.assertEqual(dev.out("hostname").strip(), "qmtnm")  # the boot apply's Bonjour name
 
-    def test_6_stop_ends_every_machine(self):
+    def test_5_stop_ends_every_machine(self):
         run = os.path.join(self.dev.state, "run")
         pids = [int(read(f"{run}/{m}.pid").split()[0]) for m in ("device", "upstream", "lan")]
         self.dev.sim("stop")
-        simdevice.poll("the machines' end", lambda: not [p for p in pids if os.path.exists(f"/proc/{p}")])
+        simdevice.poll("the end", lambda: not [p for p in pids if os.path.exists(f"/proc/{p}")])
         self.assertEqual(self.dev.sim("status", check=False).returncode, 3)
         self.assertEqual(self.dev.out("hostname").strip(), "qmtnm")  # any use powers it on
 

@@ -5,8 +5,8 @@ supplicant's network and its saved file read back, hostapd.conf, pppd's files sp
 pppd does, the DDNS URL decoded and the provider's record, miniupnpd.conf, host name and hosts
 file, the packet filter), every file with the lines and fields of the benign set. R: refused with
 the area's invalid-input code, nothing run, stored or changed. No command may create its marker
-under /tmp. HostileInput sets each case (the tool's words, or raw_set.cpp where they cannot say
-it); StoredHostileInput writes it into the store and applies it as the start-up does. An area's
+under /tmp. Set sets each case (the tool's words, or raw_set.cpp where they cannot say
+it); Stored writes it into the store and applies it as the start-up does. An area's
 cases run in one trip: this file, started on the device with --device, reports them as JSON.
 """
 import json
@@ -110,17 +110,23 @@ MODULE = {"sta": 0xF0, "ap": 0xEF, "ddns": 0xFA, "pppoe": 0xF9, "ethmac": 0xFD, 
           "bonjour": 0xF7, "ipfilter": 0xF6}
 SECTION = {"ap": "softap", "ipfilter": "ipfilter/rules/#0"}
 SUPPLICANT = "/var/nm/wpa_supplicant.conf"
-# What an area's state is made of besides its stored record: the files it writes, its live state.
-FILES = {"sta": [SUPPLICANT], "ap": ["/var/nm/hostapd.conf"], "upnp": ["/var/nm/miniupnpd.conf"],
-         "ddns": ["/etc/cron/ddns.conf", "/var/spool/cron/crontabs/root"],
-         "pppoe": ["/etc/ppp/options", "/etc/ppp/pap-secrets", "/etc/ppp/chap-secrets"],
-         "bonjour": ["/var/conf/hosts", "/proc/sys/kernel/hostname"]}
-LIVE = {"sta": {"networks": WPA_CLI + ["list_networks"],
-                "ssid": WPA_CLI + ["get_network", "0", "ssid"]},
-        "ethmac": {"eth0": ["cat", "/sys/class/net/eth0/address"]},
-        "ipfilter": {c: ["iptables", "-S", c] for c in ("ipf_chain", "INPUT")},
-        # Bonjour's own rewrite of the hosts file runs before the set stores the new name.
-        "bonjour": {"hosts from the store": ["sh", "-c", "qmtnm hosts && cat /var/conf/hosts"]}}
+
+
+def cat(*paths):
+    return {p: ["cat", p] for p in paths}
+
+
+# What an area's state is made of besides its stored record: its files and its live state.
+STATE = {"sta": cat(SUPPLICANT) | {"networks": WPA_CLI + ["list_networks"],
+                                   "ssid": WPA_CLI + ["get_network", "0", "ssid"]},
+         "ap": cat("/var/nm/hostapd.conf"), "upnp": cat("/var/nm/miniupnpd.conf"),
+         "ddns": cat("/etc/cron/ddns.conf", "/var/spool/cron/crontabs/root"),
+         "pppoe": cat("/etc/ppp/options", "/etc/ppp/pap-secrets", "/etc/ppp/chap-secrets"),
+         "ethmac": cat("/sys/class/net/eth0/address"),
+         "ipfilter": {c: ["iptables", "-S", c] for c in ("ipf_chain", "INPUT")},
+         # Bonjour's own rewrite of the hosts file runs before the set stores the new name.
+         "bonjour": cat("/var/conf/hosts", "/proc/sys/kernel/hostname") | {
+             "hosts from the store": ["sh", "-c", "qmtnm hosts && cat /var/conf/hosts"]}}
 
 
 # ---- on the device ----------------------------------------------------------------------------
@@ -128,23 +134,11 @@ LIVE = {"sta": {"networks": WPA_CLI + ["list_networks"],
 def run(cmd, env, timeout=30):
     """Output through files: a daemon started in the background keeps a pipe open."""
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-        try:
-            rc = subprocess.run(cmd, stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env,
-                                timeout=timeout).returncode
-        except subprocess.TimeoutExpired:
-            rc = "timeout"
+        rc = subprocess.run(cmd, stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env,
+                            timeout=timeout).returncode
         out.seek(0)
         err.seek(0)
-        return rc, decoded(out.read()), decoded(err.read())
-
-
-def decoded(data):
-    return data.decode(errors="surrogateescape")
-
-
-def read(path):
-    with open(path, "rb") as f:
-        return decoded(f.read())
+        return rc, *(f.read().decode(errors="surrogateescape") for f in (out, err))
 
 
 def flag(value=None):
@@ -156,8 +150,7 @@ def flag(value=None):
 
 def device_state(area, env):
     s = {"stored": run(["qmtnm", "get", area, "--json", "--secrets"], env)[1], "flag": flag()}
-    s |= {path: read(path) if os.path.exists(path) else None for path in FILES.get(area, [])}
-    return s | {name: run(cmd, env)[1] for name, cmd in LIVE.get(area, {}).items()}
+    return s | {name: run(cmd, env)[1] for name, cmd in STATE[area].items()}
 
 
 def device_case(job, case, n, env):
@@ -193,7 +186,7 @@ def device_case(job, case, n, env):
     if area == "sta" and accepted:  # the supplicant reads its saved file back and saves it again
         run(WPA_CLI + ["reconfigure"], env)
         run(WPA_CLI + ["save_config"], env)
-        after["reloaded"] = read(SUPPLICANT)
+        after["reloaded"] = run(["cat", SUPPLICANT], env)[1]
     return {"rc": rc, "out": out, "err": err, "before": before, "after": after}
 
 
@@ -206,8 +199,7 @@ def device_main():
         os.symlink(os.path.realpath(run(["sh", "-c", "command -v busybox"], env)[1].strip()),
                    "/run/hostile-bin/hostname")
     tmp_before = sorted(os.listdir("/tmp"))
-    if job["context"]:
-        run(["qmtnm", "set", job["area"]] + job["context"], env)
+    run(["qmtnm", "set", job["area"]] + job["context"], env)
     flag(1)
     run(["qmtnm", "boot"], env)  # everything applied from the benign settings
     results = [device_case(job, c, n, env) for n, c in enumerate(job["cases"])]
@@ -227,7 +219,7 @@ def unquote(value):
     if len(value) >= 2 and value[0] == value[-1] == '"':
         return value[1:-1]
     try:
-        return decoded(bytes.fromhex(value))
+        return bytes.fromhex(value).decode(errors="surrogateescape")
     except ValueError:
         return f"<not text: {value!r}>"
 
@@ -260,7 +252,7 @@ def arrival(f, text, a, b):
     """(got, want) for an accepted case: a is the state after it, b after the benign set."""
     creds = {**DDNS_LOGIN, f.name: text}
     if f.area == "sta":
-        conf, b_conf = a[SUPPLICANT] or "", b[SUPPLICANT]
+        conf, b_conf = a[SUPPLICANT], b[SUPPLICANT]
         (outside, net), (b_outside, b_net) = network(conf), network(b_conf)
         if f.name == "password" and not f.exact and len(text) == 64:
             # Taken by the check, too long for the supplicant: no psk, nothing added to the file.
@@ -275,7 +267,7 @@ def arrival(f, text, a, b):
                 (b_outside, [k for k, _ in b_net], text if f.exact == 10 else f'"{text}"', text, 2,
                  conf))
     if f.area == "ap":
-        conf, b_conf = a["/var/nm/hostapd.conf"] or "", b["/var/nm/hostapd.conf"]
+        conf, b_conf = a["/var/nm/hostapd.conf"], b["/var/nm/hostapd.conf"]
         if f.name == "wps_pin":  # the soft AP's PIN comes from appin_lcl, not from the record
             return [(c, json.loads(s["stored"])["wps_pin"]) for c, s in ((conf, a), (b_conf, b))]
         key = "wep_key0" if f.exact else {"ssid": "ssid", "password": "wpa_passphrase"}[f.name]
@@ -285,7 +277,7 @@ def arrival(f, text, a, b):
         return ((keys[0], value, f.exact != 10 or re.fullmatch("[0-9a-fA-F]+", text) is not None),
                 (keys[1], f'"{text}"' if f.exact == 13 else text, True))
     if f.area == "ddns":
-        script, b_script = [(s["/etc/cron/ddns.conf"] or "").split("\n") for s in (a, b)]
+        script, b_script = [s["/etc/cron/ddns.conf"].split("\n") for s in (a, b)]
         m, bm = (URL.match(s[1]) if len(s) == 3 else None for s in (script, b_script))
         if not (m and bm):
             return script, "a script of three lines, the second the update's URL"
@@ -294,19 +286,19 @@ def arrival(f, text, a, b):
         return ((a["/var/spool/cron/crontabs/root"], script[0], script[2], m[1], m[4], got),
                 (b["/var/spool/cron/crontabs/root"], b_script[0], "", bm[1], bm[4], creds))
     if f.area == "pppoe":  # the start-up applied the stored account, a full field whole
-        opts, b_opts = [(s["/etc/ppp/options"] or "").split("\n") for s in (a, b)]
-        secret = a["/etc/ppp/pap-secrets"] or ""
+        opts, b_opts = [s["/etc/ppp/options"].split("\n") for s in (a, b)]
+        secret = a["/etc/ppp/pap-secrets"]
         return ((opts[1:], pppd_words(opts[0]), a["/etc/ppp/chap-secrets"], secret.count("\n"),
                  pppd_words(secret)),
                 (b_opts[1:], ["name", creds["username"]], secret, 1,
                  [creds["username"], "*", creds["password"]]))
     if f.area == "ethmac":
-        return a["eth0"], text.lower() + "\n"
+        return a["/sys/class/net/eth0/address"], text.lower() + "\n"
     if f.area == "upnp":
         return a["/var/nm/miniupnpd.conf"], f"enable=yes\nfriendlyName={text}\n"
     if f.area == "bonjour":
         # The set's own hosts file holds the name stored before; the store's rewrite the new one.
-        hosts = (a["/var/conf/hosts"] or "").split("\n")
+        hosts = a["/var/conf/hosts"].split("\n")
         b_hosts = b["hosts from the store"].split("\n")
         return ((a["/proc/sys/kernel/hostname"], a["hosts from the store"].split("\n"),
                  hosts[:3] + hosts[4:], len(hosts[3].split()) if len(hosts) > 3 else 0),
@@ -316,7 +308,7 @@ def arrival(f, text, a, b):
     return (a["ipf_chain"], a["INPUT"]), (b["ipf_chain"].replace(old, new), b["INPUT"])
 
 
-class HostileInput(SimTestCase):
+class Set(SimTestCase):
     stored = False
 
     def test_every_field_with_every_payload(self):
@@ -374,7 +366,7 @@ class HostileInput(SimTestCase):
             self.assertNotRegex(self.dev.log(), r"pppd\[\d+\]: .*(unrecognized option|In file)")
 
 
-class StoredHostileInput(HostileInput):
+class Stored(Set):
     stored = True
 
 
