@@ -1,14 +1,11 @@
 #!/usr/bin/env python3
-"""Hostile text in every caller text field on the emulated appliance: FIELDS x PAYLOADS, each
-cell marked with its outcome. A: accepted, the text arriving intact where the area puts it (the
-supplicant's network and its saved file read back, hostapd.conf, pppd's files split into words as
-pppd does, the DDNS URL decoded and the provider's record, miniupnpd.conf, host name and hosts
-file, the packet filter), every file with the lines and fields of the benign set. R: refused with
-the area's invalid-input code, nothing run, stored or changed. No command may create its marker
-under /tmp. Set sets each case (the tool's words, or raw_set.cpp where they cannot say
-it); Stored writes it into the store and applies it as the start-up does. An area's
-cases run in one trip: this file, started on the device with --device, reports them as JSON.
-"""
+"""Hostile text in every caller text field on the emulated appliance: a table of FIELDS x
+PAYLOADS, each cell marked A (accepted: the text arrives intact where the area puts it, as the
+daemon or the file's reader sees it, with the lines and fields of the benign set around it) or R
+(refused with the area's invalid-input code: nothing run, stored or changed). No command may
+create its marker under /tmp. Set sets each case (the tool's words, or raw_set.cpp where they
+cannot say it); Stored writes it into the store and applies it as the start-up does. An area's
+cases run in one trip: this file, started on the device with --device, reports them as JSON."""
 import json
 import os
 import re
@@ -225,19 +222,11 @@ def unquote(value):
 
 
 def network(conf):
-    """The saved file's lines outside network blocks, and the keys and values of its one block."""
-    outside, blocks, cur = [], [], None
-    for line in conf.split("\n"):
-        if line == "network={":
-            cur = []
-        elif line == "}" and cur is not None:
-            blocks.append(cur)
-            cur = None
-        elif cur is not None:
-            cur.append(line.strip().partition("=")[::2])
-        else:
-            outside.append(line)
-    return outside, (blocks[0] if len(blocks) == 1 else [])
+    """The saved file's lines outside network blocks, and the (key, value) pairs of the one."""
+    block = r"(?ms)^network=\{\n(.*?)^\}$"
+    blocks = re.findall(block, conf)
+    pairs = [l.strip().partition("=")[::2] for l in "".join(blocks[:1]).splitlines()]
+    return re.sub(block, "", conf).split("\n"), pairs if len(blocks) == 1 else []
 
 
 def pppd_words(line):
