@@ -19,31 +19,27 @@ struct text_field {
     size_t record_size, offset, size;
 };
 
-#define TEXT_FIELD(area, id, rec, member)                                                          \
+#define FIELD(area, id, rec, name, member)                                                         \
     text_field {                                                                                   \
-        area, #member, id, sizeof(rec), offsetof(rec, member), sizeof(rec::member)                 \
+        area, name, id, sizeof(rec), offsetof(rec, member), sizeof(rec::member)                    \
     }
 
-constexpr size_t kRule0 = offsetof(qmtnm_ipfilter_cfg, rules);
-
 const text_field kFields[] = {
-    TEXT_FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, ssid),
-    TEXT_FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, password),
-    TEXT_FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, wps_pin),
-    TEXT_FIELD("ap", QMTNM_ID_AP, nm_softap, ssid),
-    TEXT_FIELD("ap", QMTNM_ID_AP, nm_softap, password),
-    TEXT_FIELD("ap", QMTNM_ID_AP, nm_softap, wps_pin),
-    TEXT_FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, domain),
-    TEXT_FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, username),
-    TEXT_FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, password),
-    TEXT_FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, username),
-    TEXT_FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, password),
-    TEXT_FIELD("upnp", QMTNM_ID_UPNP, qmtnm_upnp_cfg, friendlyName),
-    TEXT_FIELD("bonjour", QMTNM_ID_BONJOUR, qmtnm_bonjour_cfg, hostname),
-    {"ipfilter", "begin_ip", QMTNM_ID_IPFILTER, sizeof(qmtnm_ipfilter_cfg),
-     kRule0 + offsetof(qmtnm_ipf_rule, begin_ip), sizeof(qmtnm_ipf_rule::begin_ip)},
-    {"ipfilter", "end_ip", QMTNM_ID_IPFILTER, sizeof(qmtnm_ipfilter_cfg),
-     kRule0 + offsetof(qmtnm_ipf_rule, end_ip), sizeof(qmtnm_ipf_rule::end_ip)},
+    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "ssid", ssid),
+    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "password", password),
+    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "wps_pin", wps_pin),
+    FIELD("ap", QMTNM_ID_AP, nm_softap, "ssid", ssid),
+    FIELD("ap", QMTNM_ID_AP, nm_softap, "password", password),
+    FIELD("ap", QMTNM_ID_AP, nm_softap, "wps_pin", wps_pin),
+    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "domain", domain),
+    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "username", username),
+    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "password", password),
+    FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, "username", username),
+    FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, "password", password),
+    FIELD("upnp", QMTNM_ID_UPNP, qmtnm_upnp_cfg, "friendlyName", friendlyName),
+    FIELD("bonjour", QMTNM_ID_BONJOUR, qmtnm_bonjour_cfg, "hostname", hostname),
+    FIELD("ipfilter", QMTNM_ID_IPFILTER, qmtnm_ipfilter_cfg, "begin_ip", rules[0].begin_ip),
+    FIELD("ipfilter", QMTNM_ID_IPFILTER, qmtnm_ipfilter_cfg, "end_ip", rules[0].end_ip),
     // The MAC address is set from a text of its own, not a record.
     {"ethmac", "macaddr", QMTNM_ID_ETHMAC, 0, 0, QMTNM_MAC_TEXT_MAX + 1},
 };
@@ -68,17 +64,14 @@ int main(int argc, char **argv) {
     // The record (or the MAC text), then 16 guard bytes, and a terminator only after them.
     std::vector<char> rec(f->record_size + f->size + 17, 'Z');
     rec.back() = '\0';
-    if (f->record_size != 0) {
-        int32_t r = qmtnm_lcl_get(f->id, rec.data(), f->record_size);
-        if (r < 0) {
-            fprintf(stderr, "qmtnm-raw-set: get %s: 0x%08X\n", argv[1], static_cast<unsigned>(r));
-            return 1;
-        }
-        // A station PIN is used by a WPS set only, as `qmtnm set sta wps=pin` asks for one.
-        if (f->id == QMTNM_ID_STA && !strcmp(f->field, "wps_pin")) {
-            reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->use_wps = 1;
-            reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->push_button = 0;
-        }
+    if (f->record_size != 0 && qmtnm_lcl_get(f->id, rec.data(), f->record_size) < 0) {
+        fprintf(stderr, "qmtnm-raw-set: the %s get failed\n", argv[1]);
+        return 1;
+    }
+    // A station PIN is used by a WPS set only, as `qmtnm set sta wps=pin` asks for one.
+    if (f->id == QMTNM_ID_STA && !strcmp(f->field, "wps_pin")) {
+        reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->use_wps = 1;
+        reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->push_button = 0;
     }
     if (f->record_size != 0 || text.size() < f->size)
         memset(rec.data() + f->offset, 0, f->record_size != 0 ? f->size : text.size() + 1);

@@ -53,7 +53,7 @@ class Field:
     def words(self, text):
         """The tool's words for a set with text in the field, or None if they cannot carry it."""
         w = self.word(text) if len(text.encode()) < self.size else None
-        return None if w is None else self.context + w
+        return w and self.context + w
 
     def cases(self):
         texts = [self.fit(t, f"/tmp/p{i:x}") for i, t in enumerate(PAYLOADS)]
@@ -150,7 +150,7 @@ def device_state(area, env):
     return s | {name: run(cmd, env)[1] for name, cmd in STATE[area].items()}
 
 
-def device_case(job, case, n, env):
+def device_case(job, case, env):
     area, stored = job["area"], job["stored"]
     if stored:  # the benign record set and applied, the payload then written into the store
         run(["qmtnm", "set", area] + case["context"], env)
@@ -161,13 +161,8 @@ def device_case(job, case, n, env):
             run(["qmtnm", "boot"], env)  # the files of the stored account, as before a set
     flag(1)
     before = device_state(area, env)
-    if stored:  # by sysconf set, or every other case by loading a restored settings file
-        esc = {'"': '\\"', "\\": "\\\\", "\n": "\\n", "\t": "\\t"}
-        with open("/tmp/restored.conf", "w") as f:
-            f.write(f'{case["path"]} = "{"".join(esc.get(c, c) for c in case["text"])}"\n')
-        run(["sysconf", "set", "-s", case["path"], case["text"]] if n % 2 else
-            ["sysconf", "load", "/tmp/restored.conf"], env)
-        os.unlink("/tmp/restored.conf")
+    if stored:  # as a restored backup or a hand-edited store holds it
+        run(["sysconf", "set", "-s", case["path"], case["text"]], env)
         cmd = ["qmtnm", "boot", area]
     elif case["words"] is None:
         cmd = [job["raw_set"], area, case["name"], case["text"].encode().hex()]
@@ -199,7 +194,7 @@ def device_main():
     run(["qmtnm", "set", job["area"]] + job["context"], env)
     flag(1)
     run(["qmtnm", "boot"], env)  # everything applied from the benign settings
-    results = [device_case(job, c, n, env) for n, c in enumerate(job["cases"])]
+    results = [device_case(job, case, env) for case in job["cases"]]
     time.sleep(1)  # for anything a payload might have sent to the background
     json.dump({"tmp": sorted(set(os.listdir("/tmp")) - set(tmp_before)), "results": results},
               sys.stdout)
