@@ -53,9 +53,8 @@ class Device:
             p = subprocess.run([DEVICE, *args], env=self.env, stdout=out, stderr=err, text=True,
                                timeout=timeout, input=input,
                                stdin=subprocess.DEVNULL if input is None else None)
-            out.seek(0)
-            err.seek(0)
-            r = subprocess.CompletedProcess(p.args, p.returncode, out.read(), err.read())
+            r = subprocess.CompletedProcess(p.args, p.returncode,
+                                            *(f.seek(0) or f.read() for f in (out, err)))
         if check and r.returncode != 0:
             raise AssertionError(f"sim/device {' '.join(args)} exited {r.returncode}\n"
                                  f"stdout: {r.stdout}\nstderr: {r.stderr}")
@@ -70,9 +69,7 @@ class Device:
     def sh(self, script, check=True):
         return self.run("/bin/sh", "-c", script, check=check)
 
-    def on(self, machine, *cmd, **kw):
-        """Runs cmd on a peer machine: "upstream" or "lan"."""
-        return self.sim(machine, *cmd, **kw)
+    on = sim  # dev.on("upstream" or "lan", cmd...): a command on a peer machine
 
     def popen_on(self, machine, *cmd):
         return subprocess.Popen([DEVICE, machine, *cmd], env=self.env, stdin=subprocess.DEVNULL,
@@ -115,9 +112,6 @@ class Device:
 
     def stored(self, key):
         return self.out("sysconf", "get", f"network/{key}").strip()
-
-    def hw_entries(self):
-        return set(self.out("sh", "-c", "hconf save /tmp/hw.txt && cat /tmp/hw.txt").split())
 
     def provider_requests(self):
         """The update requests the DDNS provider stand-in upstream received."""
