@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
-"""Hostile text in every caller text field on the emulated appliance: a table of FIELDS x
-PAYLOADS, each cell marked A (accepted: the text arrives intact where the area puts it, as the
-daemon or the file's reader sees it, with the lines and fields of the benign set around it) or R
-(refused with the area's invalid-input code: nothing run, stored or changed). No command may
-create its marker under /tmp. Set sets each case (the tool's words, or raw_set.cpp where they
-cannot say it); Stored writes it into the store and applies it as the start-up does. An area's
-cases run in one trip: this file, started on the device with --device, reports them as JSON."""
+"""Hostile text in every caller text field on the emulated appliance: FIELDS x PAYLOADS, each
+cell marked A (accepted: the text arrives intact where the daemon or the file's reader sees it,
+among the lines and fields of the benign set) or R (refused with the area's invalid-input code:
+nothing run, stored or changed); no command may create its marker under /tmp. Set sets each case
+(the tool's words, or raw_set.cpp where they cannot say it); Stored writes it into the store and
+applies it as the start-up does. This file, run on the device with --device, runs the cases."""
 import json
 import os
 import re
@@ -133,9 +132,7 @@ def run(cmd, env, timeout=30):
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
         rc = subprocess.run(cmd, stdin=subprocess.DEVNULL, stdout=out, stderr=err, env=env,
                             timeout=timeout).returncode
-        out.seek(0)
-        err.seek(0)
-        return rc, *(f.read().decode(errors="surrogateescape") for f in (out, err))
+        return rc, *(f.seek(0) or f.read().decode(errors="surrogateescape") for f in (out, err))
 
 
 def flag(value=None):
@@ -152,13 +149,10 @@ def device_state(area, env):
 
 def device_case(job, case, env):
     area, stored = job["area"], job["stored"]
-    if stored:  # the benign record set and applied, the payload then written into the store
+    if stored or case["words"] is None:  # the rest of the record (or the benign one) set first
         run(["qmtnm", "set", area] + case["context"], env)
-        run(["qmtnm", "boot", area], env)
-    elif case["words"] is None:  # the driver starts from the stored record: the rest set first
-        run(["qmtnm", "set", area] + case["context"], env)
-        if area == "pppoe":
-            run(["qmtnm", "boot"], env)  # the files of the stored account, as before a set
+        if stored or area == "pppoe":  # and applied: a PPPoE set is applied at the next start
+            run(["qmtnm", "boot", area], env)
     flag(1)
     before = device_state(area, env)
     if stored:  # as a restored backup or a hand-edited store holds it
@@ -176,9 +170,9 @@ def device_case(job, case, env):
         run(["qmtnm", "boot"], env)
     after = device_state(area, env) | {"flag after the set": set_flag}
     if area == "sta" and accepted:  # the supplicant reads its saved file back and saves it again
-        run(WPA_CLI + ["reconfigure"], env)
-        run(WPA_CLI + ["save_config"], env)
-        after["reloaded"] = run(["cat", SUPPLICANT], env)[1]
+        cli = " ".join(WPA_CLI)
+        after["reloaded"] = run(["sh", "-c", f"{cli} reconfigure >/dev/null && {cli} save_config "
+                                 f">/dev/null && cat {SUPPLICANT}"], env)[1]
     return {"rc": rc, "out": out, "err": err, "before": before, "after": after}
 
 
@@ -186,10 +180,8 @@ def device_main():
     job = json.load(sys.stdin)
     # The appliance's hostname is busybox's, which takes any name; Debian's refuses most.
     env = dict(os.environ, PATH=f"/run/hostile-bin:{os.environ['PATH']}")
-    os.makedirs("/run/hostile-bin", exist_ok=True)
-    if not os.path.lexists("/run/hostile-bin/hostname"):
-        os.symlink(os.path.realpath(run(["sh", "-c", "command -v busybox"], env)[1].strip()),
-                   "/run/hostile-bin/hostname")
+    run(["sh", "-c", "mkdir -p /run/hostile-bin && ln -sf $(command -v busybox) "
+         "/run/hostile-bin/hostname"], env)
     tmp_before = sorted(os.listdir("/tmp"))
     run(["qmtnm", "set", job["area"]] + job["context"], env)
     flag(1)
