@@ -84,12 +84,8 @@ class Device:
     def log(self, after=0):
         return read(self.log_path)[after:]
 
-    def log_size(self):
-        return len(self.log())
-
     def wait_log(self, pattern, after=0, timeout=5.0):
-        """The first line of the system log past offset `after` matching the regular expression;
-        the logger writes asynchronously."""
+        """The first line of the system log past offset `after` matching the regular expression."""
         rx = re.compile(pattern)
         return poll(f"a log line matching {pattern!r}; log:\n{self.log()}",
                     lambda: next((l for l in self.log(after).splitlines() if rx.search(l)), None),

@@ -43,9 +43,8 @@ class FullSystem(SimTestCase):
         self.dev.on("upstream", "iptables", "-I", "INPUT", "-p", "icmp", "--icmp-type",
                     "echo-request", "-m", "dscp", "--dscp", "46", "-j", "ACCEPT")
         self.addCleanup(self.dev.on, "upstream", "iptables", "-F", "INPUT")
-        count = ["upstream", "iptables", "-L", "INPUT", "-n", "-v", "-x"]
-        rx = r"(?m)^\s*(\d+)\s+\d+\s+ACCEPT\b.*DSCP match 0x2e"
-        marked = lambda: int(re.search(rx, self.dev.on(*count).stdout)[1])  # noqa: E731
+        out = lambda: self.dev.on("upstream", "iptables", "-nvxL", "INPUT").stdout  # noqa: E731
+        marked = lambda: int(re.search(r"(?m)^\s*(\d+) .*ACCEPT.*DSCP match 0x2e", out())[1])  # noqa
         self.dev.run("ping", "-c", "1", "-W", "2", "10.99.0.1")
         self.assertEqual(marked(), 0)
         self.qmtnm("set", "qos", "enable=1", "dscp=46")
