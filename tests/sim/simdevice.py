@@ -35,9 +35,8 @@ def poll(what, fn, timeout=15.0):
     return value
 
 
-class Device:
+class Device:  # QMTNM_SIM=mips: the full-system device, which runs the device build
     def __init__(self):
-        # QMTNM_SIM=mips: the full-system device, which runs the device build (build-mips).
         self.mips = os.environ.get("QMTNM_SIM") == "mips"
         var, default = ("QMTNM_MIPS_BUILD", "build-mips") if self.mips else ("QMTNM_BUILD", "build")
         self.build = os.path.realpath(os.environ.get(var, os.path.join(TOP, default)))

@@ -14,7 +14,7 @@ import simdevice  # noqa: E402
 from simdevice import read  # noqa: E402
 
 # Every path the library uses, with the file system the device must have there.
-PRIVATE = {"/var/nm": "tmpfs", "/var/conf": "tmpfs", "/var/run": "tmpfs", "/etc/ppp": "tmpfs",
+PATHS = {"/var/nm": "tmpfs", "/var/conf": "tmpfs", "/var/run": "tmpfs", "/etc/ppp": "tmpfs",
            "/etc/cron": "tmpfs", "/var/spool/cron": "tmpfs", "/tmp": "tmpfs", "/dev/shm": "tmpfs",
            "/sys/class/leds/wifi_led": "tmpfs", "/dev": "overlayfs", "/etc": "overlayfs"}
 HOSTS = ("# Do not remove the following line, or various programs\n"
@@ -36,10 +36,9 @@ class Device(simdevice.SimTestCase):
         self.assertFalse(procs[0].split()[0] != "1" or len(procs) >= 20, procs)
         dev.run("killall", "sleep")
         self.assertIsNone(marker.poll(), "killall on the device ended a host process")
-        fstypes = dev.out("stat", "-f", "-c", "%T", *PRIVATE).split()
-        self.assertEqual(dict(zip(PRIVATE, fstypes)), PRIVATE)
+        self.assertEqual(dict(zip(PATHS, dev.out("stat", "-f", "-c", "%T", *PATHS).split())), PATHS)
         # Files (POSIX shared memory and semaphores among them) stay on the device.
-        probes = [f"{d}/sim-probe-{tag}" for d in [*PRIVATE][:8] + ["/dev", "/etc", "/root"]]
+        probes = [f"{d}/sim-probe-{tag}" for d in [*PATHS][:8] + ["/dev", "/etc", "/root"]]
         dev.run("touch", *probes)
         self.assertEqual(sorted(dev.out("ls", *probes).split()), sorted(probes))
         self.assertEqual([p for p in probes if os.path.lexists(p)], [], "reached the host")
@@ -51,7 +50,6 @@ class Device(simdevice.SimTestCase):
         for name, kind in (("lo", "LOOPBACK"), ("eth0", " veth "), ("br0", " bridge "),
                            ("lan0", "master br0"), ("wlan0", " tun type tap "), ("wlan1", " tap ")):
             self.assertRegex(links, rf"(?m)^\d+: {name}[@:].*{re.escape(kind)}")
-        self.assertEqual(dev.out("cat", "/sys/class/net/wlan0/operstate").strip(), "down")
         dev.run("ping", "-c", "1", "-W", "2", "10.99.0.1")
         dev.on("lan", "ping", "-c", "1", "-W", "2", "192.168.1.1")
         self.assertEqual([dev.on(m, "hostname").stdout.strip() for m in ("upstream", "lan")],
@@ -72,7 +70,6 @@ class Device(simdevice.SimTestCase):
         busybox = os.path.realpath(shutil.which("busybox"))
         self.assertEqual(dev.sh("for c in sh udhcpc udhcpd syslogd; do "
                                 "readlink -f $(command -v $c); done").stdout.split(), [busybox] * 4)
-        dev.sh("command -v iptables && command -v ifconfig && command -v route")
         # dash would run "cmd &>/dev/null" in the background and print "b" before "a".
         self.assertEqual(dev.sh("(sleep 0.3; echo a >>/tmp/o) &>/dev/null; echo b >>/tmp/o; "
                                 "cat /tmp/o").stdout.split(), ["a", "b"])

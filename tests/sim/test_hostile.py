@@ -22,9 +22,8 @@ from simdevice import WPA_CLI, SimTestCase, poll  # noqa: E402
 # {v}: a value the field takes, {m}: the marker file a command would create, {pad}: filler.
 PAYLOADS = ["{v}{pad}';>{m};'", '{v}{pad}";>{m};"', "{v}{pad};>{m}", "{v}{pad}&>{m}&",
             "{v}{pad}|>{m}", "{pad}$(>{m})", "{pad}`>{m}`", "{v}{pad}\\';>{m};\\",
-            "{v}{pad}\n>{m}\nb", "{v}{pad}\r>{m}", "{v}{pad}\t>{m}",
-            "{v}{pad} >{m}", "#{v}{pad} >{m}", "{v}%s%n%x%25{pad}", "-F/etc/passwd{pad}",
-            "Kamera-\u00fc-\u65e5\u672c{pad}"]
+            "{v}{pad}\n>{m}\nb", "{v}{pad}\r>{m}", "{v}{pad}\t>{m}", "{v}{pad} >{m}",
+            "#{v}{pad} >{m}", "{v}%s%n%x%25{pad}", "-F/etc/passwd{pad}", "Kamera-ü-日本{pad}"]
 
 
 class Field:
