@@ -1,126 +1,81 @@
-// qmtnm-raw-set: one set of a text field with its bytes exactly as given, through
-// qmtnm_lcl_set, starting from the stored record as the qmtnm tool does. Unlike the tool's
-// field=value words it can fill a field to its last byte with no terminator, and put any text
-// into an IP filter address. Run on the emulated device by test_hostile.py.
-//
-//   qmtnm-raw-set AREA FIELD HEX    prints the set's result as 0x%08X
-//
-// Bytes past the record (or past the MAC text) are filled with 'Z', so a library that reads
-// beyond a full field would carry them on.
+// qmtnm-raw-set AREA FIELD HEX: one set of a text field with its bytes exactly as given, through
+// qmtnm_lcl_set, starting from the stored record as the qmtnm tool does; prints the result as
+// 0x%08X. Unlike the tool's words it can fill a field to its last byte with no terminator, and
+// put any text into an IP filter address. The bytes past the record (or the MAC text) are 'Z',
+// so a library reading beyond a full field would carry them on. Run by test_hostile.py.
 #include "qmtnm.h"
 
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
 struct text_field {
-    const char *area;
-    const char *field;
+    const char *area, *field;
     uint32_t id;
-    size_t record_size;
-    size_t offset;
-    size_t size;
+    size_t record_size, offset, size;
 };
 
-#define TEXT_FIELD(area, id, rec, member)                                                          \
+#define FIELD(area, id, rec, name, member)                                                         \
     text_field {                                                                                   \
-        area, #member, id, sizeof(rec), offsetof(rec, member), sizeof(rec::member)                 \
+        area, name, id, sizeof(rec), offsetof(rec, member), sizeof(rec::member)                    \
     }
-
-constexpr size_t kRule0 = offsetof(qmtnm_ipfilter_cfg, rules);
 
 const text_field kFields[] = {
-    TEXT_FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, ssid),
-    TEXT_FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, password),
-    TEXT_FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, wps_pin),
-    TEXT_FIELD("ap", QMTNM_ID_AP, nm_softap, ssid),
-    TEXT_FIELD("ap", QMTNM_ID_AP, nm_softap, password),
-    TEXT_FIELD("ap", QMTNM_ID_AP, nm_softap, wps_pin),
-    TEXT_FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, domain),
-    TEXT_FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, username),
-    TEXT_FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, password),
-    TEXT_FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, username),
-    TEXT_FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, password),
-    TEXT_FIELD("upnp", QMTNM_ID_UPNP, qmtnm_upnp_cfg, friendlyName),
-    TEXT_FIELD("bonjour", QMTNM_ID_BONJOUR, qmtnm_bonjour_cfg, hostname),
-    // The first rule's addresses.
-    {"ipfilter", "begin_ip", QMTNM_ID_IPFILTER, sizeof(qmtnm_ipfilter_cfg),
-     kRule0 + offsetof(qmtnm_ipf_rule, begin_ip), sizeof(qmtnm_ipf_rule::begin_ip)},
-    {"ipfilter", "end_ip", QMTNM_ID_IPFILTER, sizeof(qmtnm_ipfilter_cfg),
-     kRule0 + offsetof(qmtnm_ipf_rule, end_ip), sizeof(qmtnm_ipf_rule::end_ip)},
-    // The MAC address is set from a text of its own: at most QMTNM_MAC_TEXT_MAX characters.
+    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "ssid", ssid),
+    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "password", password),
+    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "wps_pin", wps_pin),
+    FIELD("ap", QMTNM_ID_AP, nm_softap, "ssid", ssid),
+    FIELD("ap", QMTNM_ID_AP, nm_softap, "password", password),
+    FIELD("ap", QMTNM_ID_AP, nm_softap, "wps_pin", wps_pin),
+    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "domain", domain),
+    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "username", username),
+    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "password", password),
+    FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, "username", username),
+    FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, "password", password),
+    FIELD("upnp", QMTNM_ID_UPNP, qmtnm_upnp_cfg, "friendlyName", friendlyName),
+    FIELD("bonjour", QMTNM_ID_BONJOUR, qmtnm_bonjour_cfg, "hostname", hostname),
+    FIELD("ipfilter", QMTNM_ID_IPFILTER, qmtnm_ipfilter_cfg, "begin_ip", rules[0].begin_ip),
+    FIELD("ipfilter", QMTNM_ID_IPFILTER, qmtnm_ipfilter_cfg, "end_ip", rules[0].end_ip),
+    // The MAC address is set from a text of its own, not a record.
     {"ethmac", "macaddr", QMTNM_ID_ETHMAC, 0, 0, QMTNM_MAC_TEXT_MAX + 1},
 };
-
-constexpr size_t kGuard = 16;
-
-bool from_hex(const char *hex, std::string &out) {
-    size_t n = strlen(hex);
-    if (n % 2 != 0)
-        return false;
-    for (size_t i = 0; i < n; i += 2) {
-        char byte[3] = {hex[i], hex[i + 1], '\0'};
-        char *end = nullptr;
-        long v = strtol(byte, &end, 16);
-        if (*end != '\0')
-            return false;
-        out.push_back(static_cast<char>(v));
-    }
-    return true;
-}
 
 } // namespace
 
 int main(int argc, char **argv) {
     std::string text;
-    if (argc != 4 || !from_hex(argv[3], text)) {
-        fputs("usage: qmtnm-raw-set AREA FIELD HEX\n", stderr);
-        return 2;
+    for (const char *h = argc == 4 ? argv[3] : ""; h[0] != '\0' && h[1] != '\0'; h += 2) {
+        unsigned byte = 0;
+        if (sscanf(h, "%2x", &byte) == 1)
+            text.push_back(static_cast<char>(byte));
     }
     const text_field *f = nullptr;
     for (const text_field &t : kFields)
-        if (!strcmp(t.area, argv[1]) && !strcmp(t.field, argv[2]))
+        if (argc == 4 && !strcmp(t.area, argv[1]) && !strcmp(t.field, argv[2]))
             f = &t;
-    if (f == nullptr || text.size() > f->size) {
-        fprintf(stderr, "qmtnm-raw-set: no field %s %s of %zu bytes or more\n", argv[1], argv[2],
-                text.size());
+    if (f == nullptr || text.size() > f->size || text.size() * 2 != strlen(argv[3])) {
+        fputs("usage: qmtnm-raw-set AREA FIELD HEX (of at most the field's size)\n", stderr);
         return 2;
     }
-    int32_t r;
-    if (f->record_size == 0) {
-        // The text, then the guard bytes, and a terminator only after them.
-        char buf[QMTNM_MAC_TEXT_MAX + 1 + kGuard + 1] = {};
-        memset(buf, 'Z', sizeof buf - 1);
-        memcpy(buf, text.data(), text.size());
-        if (text.size() < f->size)
-            buf[text.size()] = '\0';
-        r = qmtnm_lcl_set(f->id, buf, 0);
-    } else {
-        auto *rec = static_cast<char *>(calloc(1, f->record_size + kGuard));
-        if (rec == nullptr)
-            return 1;
-        r = qmtnm_lcl_get(f->id, rec, f->record_size);
-        if (r < 0) {
-            fprintf(stderr, "qmtnm-raw-set: get %s: 0x%08X\n", argv[1], static_cast<unsigned>(r));
-            free(rec);
-            return 1;
-        }
-        memset(rec + f->record_size, 'Z', kGuard);
-        memset(rec + f->offset, 0, f->size);
-        memcpy(rec + f->offset, text.data(), text.size());
-        // A station PIN is used by a WPS set only, as `qmtnm set sta wps=pin` asks for one.
-        if (f->id == QMTNM_ID_STA && !strcmp(f->field, "wps_pin")) {
-            auto *sta = reinterpret_cast<qmtnm_sta_cfg *>(rec);
-            sta->use_wps = 1;
-            sta->push_button = 0;
-        }
-        r = qmtnm_lcl_set(f->id, rec, 0);
-        free(rec);
+    // The record (or the MAC text), then 16 guard bytes, and a terminator only after them.
+    std::vector<char> rec(f->record_size + f->size + 17, 'Z');
+    rec.back() = '\0';
+    if (f->record_size != 0 && qmtnm_lcl_get(f->id, rec.data(), f->record_size) < 0) {
+        fprintf(stderr, "qmtnm-raw-set: the %s get failed\n", argv[1]);
+        return 1;
     }
-    printf("0x%08X\n", static_cast<unsigned>(r));
+    // A station PIN is used by a WPS set only, as `qmtnm set sta wps=pin` asks for one.
+    if (f->id == QMTNM_ID_STA && !strcmp(f->field, "wps_pin")) {
+        reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->use_wps = 1;
+        reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->push_button = 0;
+    }
+    if (f->record_size != 0 || text.size() < f->size)
+        memset(rec.data() + f->offset, 0, f->record_size != 0 ? f->size : text.size() + 1);
+    memcpy(rec.data() + f->offset, text.data(), text.size());
+    printf("0x%08X\n", static_cast<unsigned>(qmtnm_lcl_set(f->id, rec.data(), 0)));
     return 0;
 }

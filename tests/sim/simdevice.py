@@ -1,10 +1,7 @@
-"""Drives the emulated appliance (sim/device) from the integration tests.
-
-Every test file gets a device of its own: ctest gives each one its own QMTNM_SIM_STATE, and
-SimTestCase resets that device before the first test and powers it off after the last. It also
-takes a snapshot of what the host must keep to itself (its packet filter, host name, links and
-paths) and checks after the last test that none of it changed.
-"""
+"""Drives the emulated appliance (sim/device) from the integration tests. Every test class gets a
+device of its own (ctest gives each its own QMTNM_SIM_STATE): SimTestCase resets it before the
+first test, powers it off after the last, and checks that the host did not change meanwhile."""
+import json
 import os
 import re
 import subprocess
@@ -15,190 +12,161 @@ import unittest
 
 TOP = os.path.realpath(os.path.join(os.path.dirname(__file__), "..", ".."))
 DEVICE = os.path.join(TOP, "sim", "device")
+WPA_CLI = ["wpa_cli", "-p/var/run/wpa_supplicant", "-iwlan0"]
 
 
-class Device:
-    def __init__(self):
-        # QMTNM_SIM=mips: the full-system device, which runs the device build (build-mips).
-        self.mips = os.environ.get("QMTNM_SIM") == "mips"
-        if self.mips:
-            self.build = os.path.realpath(
-                os.environ.get("QMTNM_MIPS_BUILD", os.path.join(TOP, "build-mips")))
-        else:
-            self.build = os.path.realpath(
-                os.environ.get("QMTNM_BUILD", os.path.join(TOP, "build")))
-        self.state = os.path.realpath(
-            os.environ.get("QMTNM_SIM_STATE", os.path.join(self.build, "sim-state")))
-        self.env = dict(os.environ, QMTNM_BUILD=self.build, QMTNM_SIM_STATE=self.state)
-        if self.mips:
-            self.env["QMTNM_MIPS_BUILD"] = self.build
-        self.log_path = os.path.join(self.state, "log", "messages")
+def log_line(function, text):
+    """A line of the library's log: the function name padded to 20 characters, "--> ", text."""
+    return re.escape(f"{function:<20}--> {text}")
 
-    # ---- running things ----
 
-    def _sim(self, args, check=True, timeout=60, input=None):
-        # Output goes through files, not pipes: a daemon that a command starts in the background
-        # keeps the command's output open, and a pipe would not end until the daemon does.
-        with tempfile.TemporaryFile("w+") as out, tempfile.TemporaryFile("w+") as err:
-            # Without input the command gets /dev/null, not whatever the test runner holds.
-            p = subprocess.run([DEVICE] + list(args), env=self.env, stdout=out, stderr=err,
-                               text=True, timeout=timeout, input=input,
-                               stdin=subprocess.DEVNULL if input is None else None)
-            out.seek(0)
-            err.seek(0)
-            r = subprocess.CompletedProcess(p.args, p.returncode, out.read(), err.read())
-        if check and r.returncode != 0:
-            raise AssertionError(f"sim/device {' '.join(args)} exited {r.returncode}\n"
-                                 f"stdout: {r.stdout}\nstderr: {r.stderr}")
-        return r
-
-    def run(self, *cmd, check=True, timeout=60, input=None):
-        """Runs cmd on the device; returns the CompletedProcess (text)."""
-        return self._sim(["--"] + list(cmd), check=check, timeout=timeout, input=input)
-
-    def out(self, *cmd):
-        return self.run(*cmd).stdout
-
-    def sh(self, script, check=True):
-        """Runs a script with the device's shell (/bin/sh, busybox ash)."""
-        return self.run("/bin/sh", "-c", script, check=check)
-
-    def on(self, machine, *cmd, check=True, timeout=60):
-        """Runs cmd on a peer machine: "upstream" or "lan"."""
-        return self._sim([machine] + list(cmd), check=check, timeout=timeout)
-
-    def popen(self, *cmd):
-        """Starts cmd on the device without waiting; a Popen with text pipes."""
-        return self.popen_on("--", *cmd)
-
-    def popen_on(self, machine, *cmd):
-        return subprocess.Popen([DEVICE, machine] + list(cmd), env=self.env,
-                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                stderr=subprocess.PIPE, text=True)
-
-    # ---- power ----
-
-    def reset(self):
-        self._sim(["reset"])
-
-    def start(self):
-        self._sim(["start"])
-
-    def stop(self):
-        self._sim(["stop"])
-
-    def reboot(self):
-        self._sim(["reboot"])
-
-    # ---- what the device shows ----
-
-    def log(self):
-        with open(self.log_path) as f:
-            return f.read()
-
-    def wait_log(self, pattern, after=0, timeout=5.0):
-        """Waits until a line of the system log past offset `after` matches the regular
-        expression; returns the matching line. The logger writes asynchronously."""
-        rx = re.compile(pattern)
-        deadline = time.monotonic() + timeout
-        while True:
-            for line in self.log()[after:].splitlines():
-                if rx.search(line):
-                    return line
-            if time.monotonic() > deadline:
-                raise AssertionError(f"no log line matches {pattern!r}; log:\n{self.log()}")
-            time.sleep(0.05)
-
-    def log_size(self):
-        return len(self.log())
-
-    def mangle(self):
-        """The device's mangle table as iptables -S lines."""
-        return self.out("iptables", "-t", "mangle", "-S").splitlines()
-
-    def activate_flag(self):
-        """The 32-bit activate flag in the device's POSIX shared memory."""
-        return int(self.out("python3", "-c",
-                            "import struct; print(struct.unpack('=I', "
-                            "open('/dev/shm/lcl_activate', 'rb').read(4))[0])").strip())
-
-    def set_activate_flag(self, value):
-        self.run("python3", "-c",
-                 f"import struct; f = open('/dev/shm/lcl_activate', 'r+b'); "
-                 f"f.write(struct.pack('=I', {value}))")
-
-    def dscp_received_upstream(self, port=5555):
-        """Sends one UDP datagram from the device to the upstream router and returns the DSCP
-        that the router read in the datagram's IP header."""
-        listener = self.popen_on("upstream", "dscp-probe", "listen", "--port", str(port),
-                                 "--count", "1", "--timeout", "5")
-        try:
-            first = listener.stdout.readline()
-            if not first.startswith("listening"):
-                raise AssertionError(f"probe did not start: {first}{listener.stderr.read()}")
-            self.run("dscp-probe", "send", "10.99.0.1", "--port", str(port))
-            out, err = listener.communicate(timeout=10)
-        finally:
-            if listener.poll() is None:
-                listener.kill()
-                listener.wait()
-        m = re.search(r"^from 10\.99\.0\.2:\d+ tos 0x[0-9a-f]+ dscp (\d+) ", out, re.M)
-        if listener.returncode != 0 or not m:
-            raise AssertionError(f"no datagram from the device arrived upstream: {out}{err}")
-        return int(m.group(1))
+def read(path):
+    with open(path) as f:
+        return f.read()
 
 
 def poll(what, fn, timeout=15.0):
     """Calls fn until it returns something true, which is returned; fails after timeout s."""
     deadline = time.monotonic() + timeout
-    while True:
-        value = fn()
-        if value:
-            return value
+    while not (value := fn()):
         if time.monotonic() > deadline:
             raise AssertionError(f"timed out waiting for {what}")
         time.sleep(0.2)
+    return value
+
+
+class Device:  # QMTNM_SIM=mips: the full-system device, which runs the device build
+    def __init__(self):
+        self.mips = os.environ.get("QMTNM_SIM") == "mips"
+        var, default = ("QMTNM_MIPS_BUILD", "build-mips") if self.mips else ("QMTNM_BUILD", "build")
+        self.build = os.path.realpath(os.environ.get(var, os.path.join(TOP, default)))
+        self.state = os.path.realpath(
+            os.environ.get("QMTNM_SIM_STATE", os.path.join(self.build, "sim-state")))
+        self.env = dict(os.environ, QMTNM_SIM_STATE=self.state, **{var: self.build})
+        self.log_path = os.path.join(self.state, "log", "messages")
+
+    def sim(self, *args, check=True, timeout=60, input=None):
+        # Output through files, not pipes: a daemon a command starts in the background keeps the
+        # command's output open. Without input the command gets /dev/null.
+        with tempfile.TemporaryFile("w+") as out, tempfile.TemporaryFile("w+") as err:
+            p = subprocess.run([DEVICE, *args], env=self.env, stdout=out, stderr=err, text=True,
+                               timeout=timeout, input=input,
+                               stdin=subprocess.DEVNULL if input is None else None)
+            r = subprocess.CompletedProcess(p.args, p.returncode,
+                                            *(f.seek(0) or f.read() for f in (out, err)))
+        if check and r.returncode != 0:
+            raise AssertionError(f"sim/device {' '.join(args)} exited {r.returncode}\n"
+                                 f"stdout: {r.stdout}\nstderr: {r.stderr}")
+        return r
+
+    def run(self, *cmd, **kw):
+        return self.sim("--", *cmd, **kw)
+
+    def out(self, *cmd):
+        return self.run(*cmd).stdout
+
+    def sh(self, script, check=True):
+        return self.run("/bin/sh", "-c", script, check=check)
+
+    on = sim  # dev.on("upstream" or "lan", cmd...): a command on a peer machine
+
+    def popen_on(self, machine, *cmd):
+        return subprocess.Popen([DEVICE, machine, *cmd], env=self.env, stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+
+    def reboot(self):
+        self.sim("reboot")
+
+    def exists(self, path):
+        return self.run("test", "-e", path, check=False).returncode == 0
+
+    def log(self, after=0):
+        return read(self.log_path)[after:]
+
+    def wait_log(self, pattern, after=0, timeout=5.0):
+        """The first line of the system log past offset `after` matching the regular expression."""
+        rx = re.compile(pattern)
+        return poll(f"a log line matching {pattern!r}; log:\n{self.log()}",
+                    lambda: next((l for l in self.log(after).splitlines() if rx.search(l)), None),
+                    timeout)
+
+    def boot_log(self):
+        return read(f"{self.state}/run/boot.log").splitlines()
+
+    def mangle(self):
+        return self.out("iptables", "-t", "mangle", "-S").splitlines()
+
+    def processes(self, name):
+        return [p for p in self.out("ps", "-e", "-o", "comm=").split() if p == name]
+
+    def addrs(self, ifname):
+        return re.findall(r"inet (\S+)", self.out("ip", "-4", "addr", "show", ifname))
+
+    def json(self, area, *flags):
+        return json.loads(self.out("qmtnm", "get", area, "--json", *flags))
+
+    def stored(self, key):
+        return self.out("sysconf", "get", f"network/{key}").strip()
+
+    def provider_requests(self):
+        """The update requests the DDNS provider stand-in upstream received."""
+        out = self.on("upstream", "cat", "/run/ddns-provider.jsonl", check=False).stdout
+        return [json.loads(l) for l in out.splitlines()]
+
+    def activate_flag(self, value=None):
+        """The 32-bit activate flag in the device's shared memory; sets it when value is given."""
+        if value is not None:
+            self.sh(f"printf '\\{value:o}\\0\\0\\0' | "
+                    "dd of=/dev/shm/lcl_activate conv=notrunc 2>/dev/null")
+        return int(self.out("od", "-An", "-tu4", "/dev/shm/lcl_activate"))
+
+    def dscp_received_upstream(self):
+        """Sends one UDP datagram to the upstream router; the DSCP the router read in it."""
+        listener = self.popen_on("upstream", "dscp-probe", "listen", "--port", "5555", "--count",
+                                 "1", "--timeout", "5")
+        out = listener.stdout.readline()  # listening: the datagram may go
+        self.run("dscp-probe", "send", "10.99.0.1", "--port", "5555")
+        out += "".join(listener.communicate(timeout=10))
+        m = re.search(r"(?m)^from 10\.99\.0\.2:\d+ tos 0x[0-9a-f]+ dscp (\d+) ", out)
+        if not m:
+            raise AssertionError(f"no datagram from the device arrived upstream: {out}")
+        return int(m[1])
 
 
 def host_snapshot():
     """What the host must keep to itself while devices come and go."""
-    def cmd(*a):
-        return subprocess.run(a, capture_output=True, text=True).stdout
-    return {
-        "mangle table": cmd("iptables", "-t", "mangle", "-S"),
-        "filter table": cmd("iptables", "-S"),
-        "host name": cmd("hostname"),
-        "links": "\n".join(sorted(re.sub(r"^\d+: ", "", l).split(":")[0]
-                                  for l in cmd("ip", "-o", "link").splitlines())),
-        "paths": "\n".join(p for p in ("/var/nm", "/var/conf", "/etc/cron", "/var/spool/cron",
-                                       "/sys/class/leds/wifi_led", "/dev/log")
-                           if os.path.lexists(p)),
-    }
+    cmd = lambda *a: subprocess.run(a, capture_output=True, text=True).stdout  # noqa: E731
+    return {"mangle table": cmd("iptables", "-t", "mangle", "-S"), "host name": cmd("hostname"),
+            "filter table": cmd("iptables", "-S"),
+            "links": sorted(re.findall(r"(?m)^\d+: ([^:@]+)", cmd("ip", "-o", "link"))),
+            "paths": [p for p in ("/var/nm", "/var/conf", "/etc/cron", "/var/spool/cron",
+                                  "/dev/log", "/sys/class/leds/wifi_led") if os.path.lexists(p)]}
 
 
 class SimTestCase(unittest.TestCase):
-    """A test class with a freshly reset device of its own."""
+    """A test class with a freshly reset device of its own; tests run in name order."""
 
     @classmethod
     def setUpClass(cls):
         cls.dev = Device()
-        if not os.access(os.path.join(cls.dev.build, "tools", "qmtnm"), os.X_OK):
-            raise AssertionError(f"{cls.dev.build}/tools/qmtnm is not built")
         cls.host_before = host_snapshot()
-        cls.dev.reset()
-        cls.dev.start()
+        cls.dev.sim("reset")
+        cls.dev.sim("start")
 
     @classmethod
     def tearDownClass(cls):
-        cls.dev.stop()
+        cls.dev.sim("stop")
         after = host_snapshot()
-        for what, before in cls.host_before.items():
-            if after[what] != before:
-                raise AssertionError(f"the host's {what} changed:\nbefore:\n{before}\n"
-                                     f"after:\n{after[what]}")
+        if after != cls.host_before:
+            raise AssertionError(f"the host changed: {cls.host_before} -> {after}")
 
-    def qmtnm(self, *args, check=True):
-        return self.dev.run("qmtnm", *args, check=check)
+    def qmtnm(self, *args, check=True, env=()):
+        return self.dev.run("env", *env, "qmtnm", *args, check=check)
+
+    def refused(self, area, code, *words, **kw):
+        """A set of area that must fail with the invalid-input code."""
+        r = self.qmtnm("set", area, *words, check=False, **kw)
+        self.assertEqual(r.stderr, f"{area}: invalid input ({code})\n", words)
 
 
 def main():

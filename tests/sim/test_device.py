@@ -1,220 +1,132 @@
 #!/usr/bin/env python3
-"""The emulated appliance itself: namespaces, network, file system, userland, logging, store,
-power cycle, and that none of it reaches the host."""
+"""The emulated appliance itself (namespaces, network, file system, userland, log, store, power
+cycle, none of it reaching the host), and the library's common helpers on it: interface addresses
+read from the kernel, the hosts file written from the store."""
 import os
 import re
+import shutil
 import subprocess
 import sys
-import time
 import uuid
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
 import simdevice  # noqa: E402
-from simdevice import SimTestCase  # noqa: E402
+from simdevice import read  # noqa: E402
 
-DEFAULTS = os.path.join(simdevice.TOP, "sysconf", "defaults.conf")
-SIM_NETWORK = os.path.join(simdevice.TOP, "sim", "lib", "sim-network.conf")
+# Every path the library uses, with the file system the device must have there.
+PATHS = {"/var/nm": "tmpfs", "/var/conf": "tmpfs", "/var/run": "tmpfs", "/etc/ppp": "tmpfs",
+           "/etc/cron": "tmpfs", "/var/spool/cron": "tmpfs", "/tmp": "tmpfs", "/dev/shm": "tmpfs",
+           "/sys/class/leds/wifi_led": "tmpfs", "/dev": "overlayfs", "/etc": "overlayfs"}
+HOSTS = ("# Do not remove the following line, or various programs\n"
+         "# that require network functionality will fail.\n"
+         "127.0.0.1\tlocalhost.localdomain\tlocalhost\n10.99.0.2\tkitchen-cam\n"
+         "192.168.1.1\twww.qmtnm-device.com\n")
 
-# Every path the library writes or reads, with the file system the device must have there.
-PRIVATE_PATHS = {
-    "/var/nm": "tmpfs", "/var/conf": "tmpfs", "/var/run": "tmpfs", "/etc/ppp": "tmpfs",
-    "/etc/cron": "tmpfs", "/var/spool/cron": "tmpfs", "/tmp": "tmpfs", "/dev/shm": "tmpfs",
-    "/sys/class/leds/wifi_led": "tmpfs", "/dev": "overlayfs", "/etc": "overlayfs",
-}
 
-
-class Plumbing(SimTestCase):
-    def test_every_namespace_but_the_user_one_is_private(self):
+class Device(simdevice.SimTestCase):
+    def test_1_isolation_and_network(self):
+        dev, tag = self.dev, uuid.uuid4().hex[:12]
         for ns in ("net", "mnt", "pid", "ipc", "uts"):
-            inside = self.dev.out("readlink", f"/proc/self/ns/{ns}").strip()
-            self.assertNotEqual(inside, os.readlink(f"/proc/self/ns/{ns}"), ns)
-
-    def test_only_device_processes_are_visible(self):
+            self.assertNotEqual(dev.out("readlink", f"/proc/self/ns/{ns}").strip(),
+                                os.readlink(f"/proc/self/ns/{ns}"), ns)
         marker = subprocess.Popen(["sleep", "300"])
-        try:
-            procs = self.dev.out("ps", "-eo", "pid=,args=").splitlines()
-            self.assertRegex(procs[0].strip(), r"^1 ")
-            self.assertFalse([p for p in procs if "sleep 300" in p], procs)
-            self.assertLess(len(procs), 20, procs)
-            # A killall on the device reaches the device's processes only.
-            self.dev.run("killall", "sleep")
-            self.assertIsNone(marker.poll(), "killall on the device ended a host process")
-        finally:
-            marker.kill()
-            marker.wait()
-
-    def test_interfaces(self):
-        links = self.dev.out("ip", "-d", "-o", "link").splitlines()
-
-        def link(name):
-            found = [l for l in links if re.match(rf"^\d+: {name}[@:]", l)]
-            self.assertEqual(len(found), 1, f"{name} in {links}")
-            return found[0]
-
-        self.assertIn("LOOPBACK", link("lo"))
-        self.assertIn(" veth ", link("eth0"))
-        self.assertIn(" bridge ", link("br0"))
-        self.assertIn("master br0", link("lan0"))
-        for w in ("wlan0", "wlan1"):
-            self.assertIn(" tun type tap ", link(w))
-        addrs = self.dev.out("ip", "-o", "-4", "addr").splitlines()
-        self.assertTrue(any(re.search(r" eth0 +inet 10\.99\.0\.2/24 ", a) for a in addrs), addrs)
-        self.assertTrue(any(re.search(r" br0 +inet 192\.168\.1\.1/24 ", a) for a in addrs), addrs)
-        self.assertEqual(self.dev.out("cat", "/sys/class/net/wlan0/operstate").strip(), "down")
-
-    def test_peers_are_reachable(self):
-        self.dev.run("ping", "-c", "1", "-W", "2", "10.99.0.1")
-        self.dev.run("ping", "-c", "1", "-W", "2", "192.168.1.10")
-        self.dev.on("lan", "ping", "-c", "1", "-W", "2", "192.168.1.1")
-        self.assertEqual(self.dev.on("upstream", "hostname").stdout.strip(), "upstream")
-        self.assertEqual(self.dev.on("lan", "hostname").stdout.strip(), "lan-host")
-
-    def test_shell_is_busybox_ash_and_redirects_in_the_foreground(self):
-        self.assertEqual(self.dev.out("readlink", "-f", "/bin/sh").strip(),
-                         os.path.realpath(subprocess.run(["sh", "-c", "command -v busybox"],
-                                                         capture_output=True, text=True)
-                                          .stdout.strip()))
-        # dash would run "cmd &>/dev/null" in the background and print "b" before "a".
-        out = self.dev.sh("(sleep 0.3; echo a >>/tmp/order) &>/dev/null; echo b >>/tmp/order; "
-                          "cat /tmp/order").stdout
-        self.assertEqual(out.split(), ["a", "b"])
-
-    def test_userland(self):
-        for cmd, where in (("udhcpc", "busybox"), ("udhcpd", "busybox"), ("syslogd", "busybox"),
-                           ("iptables", "/usr/sbin/"), ("ifconfig", ""), ("route", ""),
-                           ("killall", "")):
-            path = self.dev.sh(f"command -v {cmd}").stdout.strip()
-            self.assertTrue(path, cmd)
-            real = self.dev.out("readlink", "-f", path).strip()
-            if where == "busybox":
-                self.assertTrue(real.endswith("/busybox"), f"{cmd} is {real}")
-            elif where:
-                self.assertTrue(real.startswith(where) or path.startswith(where), f"{cmd}: {real}")
-
-    def test_environment_and_tools(self):
-        env = dict(l.split("=", 1) for l in self.dev.out("env").splitlines() if "=" in l)
-        self.assertEqual(env["QMTNM_DEVICE"], "sim")
-        self.assertEqual(env["SYSCONF_DB"], os.path.join(self.dev.state, "persist", "sysconf.db"))
-        for tool in ("qmtnm", "sysconf"):
-            self.assertEqual(self.dev.sh(f"command -v {tool}").stdout.strip(),
-                             os.path.join(self.dev.build, "tools", tool))
-        standin = os.path.join(self.dev.build, "hconf", "libhconf_standin.so")
-        if os.path.exists(standin):
-            self.assertEqual(env.get("LD_PRELOAD"), standin)
-            self.assertIn(standin, self.dev.out("cat", "/proc/1/environ"))
-            self.assertEqual(self.dev.sh("command -v hconf").stdout.strip(),
-                             os.path.join(self.dev.build, "hconf", "hconf"))
-        # The boot apply's Bonjour area names the device after the stored host name.
-        self.assertEqual(self.dev.out("hostname").strip(), "qmtnm")
-
-    def test_store_holds_the_factory_settings(self):
-        # The factory settings, then the emulated network's own WAN settings over them.
-        want = {}
-        for path in (DEFAULTS, SIM_NETWORK):
-            with open(path) as f:
-                for line in f:
-                    m = re.match(r"^(network/\S+) = (.*)$", line.strip())
-                    if m:
-                        want[m.group(1)] = m.group(2)
-        self.assertGreater(len(want), 10)
-        got = dict(l.split(" = ", 1) for l in self.dev.out("sysconf", "dump").splitlines())
-        self.assertEqual(got, want)
-
-    def test_library_paths_are_private(self):
-        tag = uuid.uuid4().hex
-        fstypes = self.dev.out("stat", "-f", "-c", "%T", *PRIVATE_PATHS).split()
-        self.assertEqual(dict(zip(PRIVATE_PATHS, fstypes)), PRIVATE_PATHS)
-        dirs = ["/var/nm", "/var/conf", "/var/run", "/etc/ppp", "/etc/cron", "/var/spool/cron",
-                "/tmp", "/dev/shm", "/dev", "/etc", "/var", "/root", "/usr/bin"]
-        probes = [f"{d}/sim-probe-{tag}" for d in dirs]
-        self.dev.run("touch", *probes)
-        self.assertEqual(sorted(self.dev.out("ls", *probes).split()), sorted(probes))
+        self.addCleanup(marker.wait)
+        self.addCleanup(marker.kill)
+        procs = dev.out("ps", "-eo", "pid=,args=").splitlines()
+        self.assertFalse(procs[0].split()[0] != "1" or len(procs) >= 20, procs)
+        dev.run("killall", "sleep")
+        self.assertIsNone(marker.poll(), "killall on the device ended a host process")
+        self.assertEqual(dict(zip(PATHS, dev.out("stat", "-f", "-c", "%T", *PATHS).split())), PATHS)
+        # Files (POSIX shared memory and semaphores among them) stay on the device.
+        probes = [f"{d}/sim-probe-{tag}" for d in [*PATHS][:8] + ["/dev", "/etc", "/root"]]
+        dev.run("touch", *probes)
+        self.assertEqual(sorted(dev.out("ls", *probes).split()), sorted(probes))
         self.assertEqual([p for p in probes if os.path.lexists(p)], [], "reached the host")
+        dev.run("hostname", f"renamed-{tag}")
+        self.assertEqual(dev.out("hostname").strip(), f"renamed-{tag}")  # the host's: tearDown
 
-    def test_posix_ipc_and_host_name_stay_inside(self):
-        tag = uuid.uuid4().hex[:12]
-        self.dev.run("python3", "-c",
-                     "import ctypes, os; libc = ctypes.CDLL(None, use_errno=True); "
-                     "libc.sem_open.restype = ctypes.c_void_p; "
-                     f"assert libc.sem_open(b'/simprobe{tag}', os.O_CREAT, 0o644, 1); "
-                     f"assert libc.shm_open(b'/shmprobe{tag}', os.O_CREAT | os.O_RDWR, 0o644) >= 0")
-        listing = self.dev.out("ls", "/dev/shm").split()
-        self.assertIn(f"sem.simprobe{tag}", listing)
-        self.assertIn(f"shmprobe{tag}", listing)
-        self.assertFalse(os.path.exists(f"/dev/shm/sem.simprobe{tag}"))
-        self.assertFalse(os.path.exists(f"/dev/shm/shmprobe{tag}"))
-        self.dev.run("hostname", f"renamed-{tag}")
-        self.assertEqual(self.dev.out("hostname").strip(), f"renamed-{tag}")
-        self.dev.run("hostname", "qmtnm-device")
+        # The network, and the peers on it.
+        links = dev.out("ip", "-d", "-o", "link")
+        for name, kind in (("lo", "LOOPBACK"), ("eth0", " veth "), ("br0", " bridge "),
+                           ("lan0", "master br0"), ("wlan0", " tun type tap "), ("wlan1", " tap ")):
+            self.assertRegex(links, rf"(?m)^\d+: {name}[@:].*{re.escape(kind)}")
+        dev.run("ping", "-c", "1", "-W", "2", "10.99.0.1")
+        dev.on("lan", "ping", "-c", "1", "-W", "2", "192.168.1.1")
+        self.assertEqual([dev.on(m, "hostname").stdout.strip() for m in ("upstream", "lan")],
+                         ["upstream", "lan-host"])
+        # The library reads the addresses the kernel has, and a new one at once.
+        dev.sh("ip addr flush dev wlan1 && ip addr add 172.16.5.9/20 dev wlan1")
+        for name, addr, mask in (("eth0", "10.99.0.2", "255.255.255.0"),
+                                 ("br0", "192.168.1.1", "255.255.255.0"),
+                                 ("wlan1", "172.16.5.9", "255.255.240.0")):
+            mac = dev.out("cat", f"/sys/class/net/{name}/address").strip()
+            self.assertEqual(dev.out("qmtnm", "iface", name),
+                             f"{name} address {addr} netmask {mask} hwaddr {mac}\n")
+        r = self.qmtnm("iface", "nosuch0", check=False)
+        self.assertEqual((r.returncode, r.stderr), (1, "nosuch0: No such device (-19)\n"))
 
-    def test_led_stand_in(self):
-        files = self.dev.out("ls", "/sys/class/leds/wifi_led").split()
-        self.assertEqual(sorted(files), ["brightness", "delay_off", "delay_on", "trigger"])
-        self.dev.sh("echo timer >/sys/class/leds/wifi_led/trigger")
-        self.assertEqual(self.dev.out("cat", "/sys/class/leds/wifi_led/trigger").strip(), "timer")
+    def test_2_userland_store_and_log(self):
+        dev, tag = self.dev, uuid.uuid4().hex
+        busybox = os.path.realpath(shutil.which("busybox"))
+        self.assertEqual(dev.sh("for c in sh udhcpc udhcpd syslogd; do "
+                                "readlink -f $(command -v $c); done").stdout.split(), [busybox] * 4)
+        # dash would run "cmd &>/dev/null" in the background and print "b" before "a".
+        self.assertEqual(dev.sh("(sleep 0.3; echo a >>/tmp/o) &>/dev/null; echo b >>/tmp/o; "
+                                "cat /tmp/o").stdout.split(), ["a", "b"])
+        # The factory settings, then the emulated network's own WAN settings over them.
+        files = ("sysconf/defaults.conf", "sim/lib/sim-network.conf")
+        want = dict(re.findall(r"(?m)^(network/\S+) = (.*)$",
+                               "".join(read(f"{simdevice.TOP}/{p}") for p in files)))
+        self.assertGreater(len(want), 10)
+        self.assertEqual(dict(l.split(" = ", 1) for l in dev.out("sysconf", "dump").splitlines()),
+                         want)
+        dev.run("logger", "-p", "local2.err", "-t", "libqmtnm", f"probe {tag}")
+        self.assertRegex(dev.wait_log(tag),
+                         rf" qmtnm-device local2\.err libqmtnm(\[\d+\])?: probe {tag}$")
 
-    def test_system_log_is_captured(self):
-        tag = uuid.uuid4().hex
-        self.dev.run("logger", "-p", "local2.err", "-t", "libqmtnm", f"probe {tag}")
-        line = self.dev.wait_log(tag)
-        self.assertRegex(line, rf" qmtnm-device local2\.err libqmtnm(\[\d+\])?: probe {tag}$")
-        self.assertIn(line, subprocess.run([simdevice.DEVICE, "log"], env=self.dev.env,
-                                           capture_output=True, text=True).stdout)
+    def test_3_hosts_file_from_the_store(self):
+        for key, value in (("wan/ipaddr", "10.99.0.2"), ("lan/ipaddr", "192.168.1.1"),
+                           ("bonjour/hostname", "kitchen-cam")):
+            self.dev.run("sysconf", "set", "-s", f"network/network_{key}", value)
+        self.qmtnm("hosts")
+        self.assertEqual(self.dev.out("cat", "/var/conf/hosts"), HOSTS)
+        # Without the host name in the store nothing is written.
+        self.dev.sh("sysconf del network/network_bonjour/hostname && rm /var/conf/hosts")
+        r = self.qmtnm("hosts", check=False)
+        self.assertEqual((r.returncode, r.stderr, self.dev.exists("/var/conf/hosts")),
+                         (1, "hosts: settings store read or write failed (0xFD00FFFE)\n", False))
+        self.dev.run("sysconf", "set", "-s", "network/network_bonjour/hostname", "qmtnm")
 
-
-class PowerCycle(SimTestCase):
-    def pid_file(self, machine):
-        with open(os.path.join(self.dev.state, "run", f"{machine}.pid")) as f:
-            return f.read()
-
-    def test_reboot_keeps_the_stores_and_drops_the_rest(self):
+    def test_4_reboot_keeps_the_stores_and_drops_the_rest(self):
         dev = self.dev
-        dev.run("qmtnm", "get", "qos")
-        self.assertIn("lcl_activate", dev.out("ls", "/dev/shm").split())
-        dev.sh("echo x >/var/nm/scratch; echo y >/dev/shm/scratch; sleep 600 &")
-        dev.run("sysconf", "set", "network/network_qos/dscp", "33")
-        hconf = os.path.exists(os.path.join(dev.build, "hconf", "hconf"))
-        if hconf:
-            dev.run("hconf", "write", "0x51:1:4:kept")
-            dev.run("hconf", "sync")
-            dev.run("hconf", "write", "0x52:1:4:lost")
-        init_before = self.pid_file("device")
+        dev.sh("qmtnm get qos >/dev/null; echo x >/var/nm/scratch; echo y >/dev/shm/scratch; "
+               "sleep 600 & sysconf set network/network_qos/dscp 33")
+        dev.sh("hconf write 0x51:1:4:kept && hconf sync && hconf write 0x52:1:4:lost")
         marker = uuid.uuid4().hex
         dev.run("logger", f"before {marker}")
         dev.wait_log(marker)
-
         dev.reboot()
-
-        self.assertNotEqual(self.pid_file("device"), init_before)
-        # The boot apply has run the library again and written the daemons' files afresh.
-        self.assertNotIn("scratch", dev.out("ls", "/dev/shm").split())
-        self.assertNotIn("scratch", dev.out("ls", "/var/nm").split())
+        self.assertFalse(dev.exists("/dev/shm/scratch") or dev.exists("/var/nm/scratch"))
         self.assertNotIn("sleep 600", dev.out("ps", "-eo", "args="))
-        self.assertEqual(dev.out("sysconf", "get", "network/network_qos/dscp").strip(), "33")
-        if hconf:
-            saved = dev.out("hconf", "save")
-            self.assertIn("0x51:1:4:kept", saved)
-            self.assertNotIn("0x52", saved)
-        # A new log per power cycle; the previous one is kept beside it.
+        self.assertEqual(dev.stored("network_qos/dscp"), "33")
+        saved = dev.out("hconf", "save")
+        self.assertIn("0x51:1:4:kept", saved)
+        self.assertNotIn("0x52", saved)
+        # A new log per power cycle, the previous one kept beside it.
         self.assertNotIn(marker, dev.log())
-        with open(os.path.join(dev.state, "log", "messages.0")) as f:
-            self.assertIn(marker, f.read())
+        self.assertIn(marker, read(os.path.join(dev.state, "log", "messages.0")))
         # The library starts afresh: the activate flag is created again, set.
         dev.run("qmtnm", "get", "qos")
         self.assertEqual(dev.activate_flag(), 1)
+        self.assertEqual(dev.out("hostname").strip(), "qmtnm")  # the boot apply's Bonjour name
 
-    def test_stop_ends_every_machine(self):
-        pids = []
-        for m in ("device", "upstream", "lan"):
-            pids.append(int(self.pid_file(m).split()[0]))
-        self.dev.stop()
-        time.sleep(0.1)
-        self.assertEqual([p for p in pids if os.path.exists(f"/proc/{p}")], [])
-        r = subprocess.run([simdevice.DEVICE, "status"], env=self.dev.env, capture_output=True,
-                           text=True)
-        self.assertEqual(r.returncode, 3, r.stdout)
-        # Any use powers it on again.
-        self.assertEqual(self.dev.out("hostname").strip(), "qmtnm")
+    def test_5_stop_ends_every_machine(self):
+        run = os.path.join(self.dev.state, "run")
+        pids = [int(read(f"{run}/{m}.pid").split()[0]) for m in ("device", "upstream", "lan")]
+        self.dev.sim("stop")
+        simdevice.poll("the end", lambda: not [p for p in pids if os.path.exists(f"/proc/{p}")])
+        self.assertEqual(self.dev.sim("status", check=False).returncode, 3)
+        self.assertEqual(self.dev.out("hostname").strip(), "qmtnm")  # any use powers it on
 
 
 if __name__ == "__main__":
