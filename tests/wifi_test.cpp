@@ -20,7 +20,6 @@ using strings = std::vector<std::string>;
 namespace {
 
 const std::string W = "wpa_cli -p/var/run/wpa_supplicant";
-const int32_t kApInvalid = static_cast<int32_t>(0xFDEFFFF9);
 const auto cli = [](const std::string &words) { return W + " " + words + " &>/dev/null"; };
 const auto text = [](const auto &f) { return std::string(f, strnlen(f, sizeof f)); };
 // The factory settings, the activate flag set, nothing run, written or logged yet; and the area's
@@ -94,8 +93,7 @@ TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
         int result;
         std::string reply;
         strings events = {};
-        int ms = 0;     // how long it waits
-        size_t cap = 0; // the reply buffer's size
+        size_t ms = 0, cap = 0; // how long it waits, the reply buffer's size
     } const rows[] = {
         // clang-format off
         {"PING", {}, -2, "", {}, 2000, 64},
@@ -146,9 +144,8 @@ TEST_F(Wifi, StationRecordsGiveTheirCommandsAndStoredKeys) {
                       wep_hex = "sta wep key of 10 or 26 characters must be hexadecimal" + ctl;
     const std::string rm = cli("remove_network 0"), cancel = W + " wps_cancel";
     auto join = [rm](const std::string &word, strings security) { // word: the ssid as it stands
-        strings run = {rm, cli("ap_scan 1"), cli("add_network"),
-                       cli("set_network 0 ssid '\"" + word + "\"'"),
-                       cli("set_network 0 scan_ssid 1")};
+        security.insert(security.begin(), {"ssid '\"" + word + "\"'", "scan_ssid 1"});
+        strings run = {rm, cli("ap_scan 1"), cli("add_network")};
         for (const std::string &s : security)
             run.push_back(cli("set_network 0 " + s));
         return run.insert(run.end(), {cli("select_network 0"), cli("save_config")}), run;
@@ -225,8 +222,8 @@ TEST_F(Wifi, StationGetReadsTheStoreAndTheSupplicantsState) {
     }
 }
 
-// A PIN is valid when its 8 digits, weighted 3, 1, 3, 1... from the first, sum to a multiple of
-// 10. The instances make one and store it.
+// A PIN's 8 digits, weighted 3, 1, 3, 1..., sum to a multiple of 10. The instances make one and
+// store it.
 TEST_F(Wifi, PinsCarryTheirCheckDigitAndAreStored) {
     for (const auto &[body, pin] :
          {std::pair{1, 17}, {10, 109}, {1234567, 12345670}, {9999999, 99999995}})
@@ -235,7 +232,7 @@ TEST_F(Wifi, PinsCarryTheirCheckDigitAndAreStored) {
          {std::pair{QMTNM_ID_STAPIN, "network_sta"}, std::pair{QMTNM_ID_APPIN, "network_softap"}}) {
         char pin[QMTNM_WPS_PIN_SIZE] = {};
         ASSERT_EQ(qmtnm_lcl_get(id, pin, 0), 0);
-        EXPECT_TRUE(strlen(pin) == 8 && strspn(pin, "0123456789") == 8 &&
+        EXPECT_TRUE(strspn(pin, "0123456789") == 8 && !pin[8] &&
                     nm::wifi::wps_pin(atoi(pin) / 10) == atoi(pin))
             << pin;
         EXPECT_EQ(stored_str(section, "wps_pin"), pin);
@@ -246,13 +243,12 @@ TEST_F(Wifi, PinsCarryTheirCheckDigitAndAreStored) {
 // the lines behind the header. They go into as many whole entries as the room holds; the count
 // returned is the entries minus two.
 TEST_F(Wifi, ScanCountsAndParsesTheResults) {
-    const std::string s32(32, 'n');
     // clang-format off
     const std::pair<std::string, std::string> lines[] = { // and their entries
         {"02:00:00:00:01:00\t2412\t-40\t[WPA2-PSK-CCMP]\tHome", "Home|02:00:00:00:01:00|1|-40|[WPA2-PSK-CCMP]"},
         {"02:00:00:00:02:00\t2472\t-71\t[ESS]\t", "|02:00:00:00:02:00|13|-71|[ESS]"},
         {"02:00:00:00:03:00\t2484\t-90\t[WEP]\ttab\tin name", "tab\tin name|02:00:00:00:03:00|15|-90|[WEP]"},
-        {"02:00:00:00:04:00\t5180\t-55\t[WPS]\t" + s32, s32 + "||554|-55|[WPS]"}, // the terminator takes bssid's first byte
+        {"02:00:00:00:04:00\t5180\t-55\t[WPS]\t" + std::string(32, 'n'), std::string(32, 'n') + "||554|-55|[WPS]"}, // the terminator takes bssid's first byte
     };
     std::string file = "Selected interface 'wlan0'\nbssid / frequency / signal level / flags / ssid\n";
     for (const auto &line : lines)
@@ -288,55 +284,55 @@ TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
                              "dtim_period=2\nmax_num_sta=8\nbridge=br0\n";
     struct {
         std::string words;
-        int32_t result;
-        std::string out; // hostapd.conf after its fixed head, or the check's line
+        std::string conf;         // hostapd.conf after its fixed head
+        std::string refusal = ""; // the check's line
     } const rows[] = {
         // clang-format off
-        {"ssid=", kApInvalid, "ap ssid len out of range"},
-        {"channel=14", kApInvalid, "ap channel out of range"},
-        {"channel=0x10006", kApInvalid, "ap channel out of range"},
-        {"hw_mode=3", kApInvalid, "ap protocol out of range"},
-        {"hide_ssid=2", kApInvalid, "ap hide out of range"},
-        {"auth=5", kApInvalid, "ap auth out of range"},
-        {"auth=1|password=abcde|index=5", kApInvalid, "ap wep index value invalid"},
-        {"auth=1|password=abcdef|index=1", kApInvalid, "ap wep password len invalid, len=6"},
-        {"auth=2|password=12345678|encry=3", kApInvalid, "ap cipher out of range"},
-        {"auth=2|password=1234567", kApInvalid, "ap password len invalid, len=7"},
-        {"ssid=a\nwpa=0|auth=2|password=12345678", kApInvalid, "ap ssid holds a control character" + ctl},
-        {"auth=2|password=12345678\nwpa_psk=x", kApInvalid, "ap password holds a control character" + ctl},
-        {"auth=1|index=1|password=0a1b2c3d4z", kApInvalid, "ap wep key of 10 or 26 characters must be hexadecimal" + ctl},
-        {"enable=0|auth=9|ssid=|channel=0", 0, ""}, // off: nothing else is looked at
-        {"ssid=Cafe|password=unused|channel=13|hw_mode=1", 0, "ssid=Cafe\nchannel=13\nhw_mode=g\n"},
-        {"ssid=Open AP|channel=0x0101|hide_ssid=1", 0, "ssid=Open AP\nchannel=1\nignore_broadcast_ssid=2\nhw_mode=b\n"},
-        {"ssid=W|auth=1|password=ab'\"c|channel=3|index=2", 0, "ssid=W\nchannel=3\nhw_mode=b\nauth_algs=1\nwep_default_key=1\nwep_key1=\"ab'\"c\"\n"},
-        {"ssid=W|auth=1|password=0a1b2c3d4e|channel=3|index=4", 0, "ssid=W\nchannel=3\nhw_mode=b\nauth_algs=1\nwep_default_key=3\nwep_key3=0a1b2c3d4e\n"},
-        {"ssid=Cam|auth=3|password=pass phrase \"x\"|channel=11|encry=2|hw_mode=2|wps_enable=1", 0, "ssid=Cam\nchannel=11\nhw_mode=g\n"
+        {"ssid=", "", "ap ssid len out of range"},
+        {"channel=14", "", "ap channel out of range"},
+        {"channel=0x10006", "", "ap channel out of range"},
+        {"hw_mode=3", "", "ap protocol out of range"},
+        {"hide_ssid=2", "", "ap hide out of range"},
+        {"auth=5", "", "ap auth out of range"},
+        {"auth=1|password=abcde|index=5", "", "ap wep index value invalid"},
+        {"auth=1|password=abcdef|index=1", "", "ap wep password len invalid, len=6"},
+        {"auth=2|password=12345678|encry=3", "", "ap cipher out of range"},
+        {"auth=2|password=1234567", "", "ap password len invalid, len=7"},
+        {"ssid=a\nwpa=0|auth=2|password=12345678", "", "ap ssid holds a control character" + ctl},
+        {"auth=2|password=12345678\nwpa_psk=x", "", "ap password holds a control character" + ctl},
+        {"auth=1|index=1|password=0a1b2c3d4z", "", "ap wep key of 10 or 26 characters must be hexadecimal" + ctl},
+        {"enable=0|auth=9|ssid=|channel=0", ""}, // off: nothing else is looked at
+        {"ssid=Cafe|password=unused|channel=13|hw_mode=1", "ssid=Cafe\nchannel=13\nhw_mode=g\n"},
+        {"ssid=Open AP|channel=0x0101|hide_ssid=1", "ssid=Open AP\nchannel=1\nignore_broadcast_ssid=2\nhw_mode=b\n"},
+        {"ssid=W|auth=1|password=ab'\"c|channel=3|index=2", "ssid=W\nchannel=3\nhw_mode=b\nauth_algs=1\nwep_default_key=1\nwep_key1=\"ab'\"c\"\n"},
+        {"ssid=W|auth=1|password=0a1b2c3d4e|channel=3|index=4", "ssid=W\nchannel=3\nhw_mode=b\nauth_algs=1\nwep_default_key=3\nwep_key3=0a1b2c3d4e\n"},
+        {"ssid=Cam|auth=3|password=pass phrase \"x\"|channel=11|encry=2|hw_mode=2|wps_enable=1", "ssid=Cam\nchannel=11\nhw_mode=g\n"
          "ieee80211n=1\nwps_state=2auth_algs=1\nwpa=2\nwpa_passphrase=pass phrase \"x\"\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP CCMP\n"},
-        {"ssid=#x = \"y\" \\|auth=2|password=a b'c\"d\\|hw_mode=1", 0, "ssid=#x = \"y\" \\\nchannel=6\nhw_mode=g\nauth_algs=1\nwpa=1\n"
+        {"ssid=#x = \"y\" \\|auth=2|password=a b'c\"d\\|hw_mode=1", "ssid=#x = \"y\" \\\nchannel=6\nhw_mode=g\nauth_algs=1\nwpa=1\n"
          "wpa_passphrase=a b'c\"d\\\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=CCMP\n"},
-        {"ssid=*z|auth=4|password=*p|encry=1", 0, "ssid=" + z32 + "\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=3\n"
+        {"ssid=*z|auth=4|password=*p|encry=1", "ssid=" + z32 + "\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=3\n"
          "wpa_passphrase=" + std::string(64, 'p') + "\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP\n"},
-        {"ssid=WPS|password=wps only|wps_enable=1", 0, "ssid=WPS\nchannel=6\nhw_mode=b\nwps_state=2"},
+        {"ssid=WPS|password=wps only|wps_enable=1", "ssid=WPS\nchannel=6\nhw_mode=b\nwps_state=2"},
         // clang-format on
     };
     const nm_softap factory = record<nm_softap>("ap", "");
     for (const auto &r : rows) {
         SCOPED_TRACE(r.words);
         auto c = record<nm_softap>("ap", r.words);
-        ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_AP, &c, 0), r.result);
-        const bool applied = r.result == 0 && c.enable;
+        const bool refused = !r.refusal.empty(), applied = !refused && c.enable;
+        ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_AP, &c, 0), refused ? int32_t(0xFDEFFFF9) : 0);
         const auto &s = applied ? c : factory; // what is stored besides the switch
-        EXPECT_EQ(nmtest::file_text("/var/nm/hostapd.conf"), applied ? head + r.out : "<missing>");
+        EXPECT_EQ(nmtest::file_text("/var/nm/hostapd.conf"), applied ? head + r.conf : "<missing>");
         EXPECT_EQ(nmtest::commands(),
                   applied ? strings{"killall -1 hostapd > /dev/null 2>&1"} : strings{});
-        EXPECT_EQ(nmtest::activate_flag(), applied || r.result ? 1u : 0u);
+        EXPECT_EQ(nmtest::activate_flag(), applied || refused ? 1u : 0u);
         EXPECT_TRUE(applied ||
                     nmtest::logs().contains(
-                        r.result ? nmtest::logged("check_softap_info_grammar", r.out)
-                                 : nmtest::logged("ap_activate_now", "function request reboot")));
+                        refused ? nmtest::logged("check_softap_info_grammar", r.refusal)
+                                : nmtest::logged("ap_activate_now", "function request reboot")));
         expect_stored("network_softap",
                       {"enable", "channel", "hw_mode", "auth", "wps_enable", "encry", "index"},
-                      {r.result ? 1 : c.enable, s.channel, s.hw_mode, s.auth, s.wps_enable,
+                      {refused ? 1 : c.enable, s.channel, s.hw_mode, s.auth, s.wps_enable,
                        s.auth >= 2 ? s.encry : 0, s.auth == 1 ? s.index : 0});
         EXPECT_EQ(stored_str("network_softap", "ssid"), text(s.ssid));
         EXPECT_EQ(stored_str("network_softap", "password"),
@@ -347,13 +343,12 @@ TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
 // The client's pending, recv and events before a reply; the station's text saved as typed.
 TEST_F(Wifi, RealSupplicantTakesTheClientAndTheStationsCommands) {
     nmtest::run_commands(true);
-    ASSERT_EQ(nmtest::sh("ip link add wlan0 type veth peer name wlan0p && ip link set wlan0 up && "
-                         "printf 'ctrl_interface=/var/run/wpa_supplicant\\nupdate_config=1\\n' "
-                         ">/var/nm/wpa_supplicant.conf && wpa_supplicant -B -D wired -i wlan0 "
-                         "-c /var/nm/wpa_supplicant.conf -P /tmp/wpas.pid >/tmp/wpas.log 2>&1 && "
-                         "[ -S /var/run/wpa_supplicant/wlan0 ] && echo up"),
-              "up\n")
-        << nmtest::file_text("/tmp/wpas.log");
+    const char *start = "ip link add wlan0 type veth peer name wlan0p && ip link set wlan0 up && "
+                        "printf 'ctrl_interface=/var/run/wpa_supplicant\\nupdate_config=1\\n' "
+                        ">/var/nm/wpa_supplicant.conf && wpa_supplicant -B -D wired -i wlan0 "
+                        "-c /var/nm/wpa_supplicant.conf -P /tmp/wpas.pid >/tmp/wpas.log 2>&1 && "
+                        "[ -S /var/run/wpa_supplicant/wlan0 ] && echo up";
+    ASSERT_EQ(nmtest::sh(start), "up\n") << nmtest::file_text("/tmp/wpas.log");
     wpa_ctrl *c = wpa_ctrl_open("/var/run/wpa_supplicant/wlan0");
     char reply[2048];
     size_t len = sizeof reply;
