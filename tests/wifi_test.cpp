@@ -30,15 +30,13 @@ template <class T> T record(const char *area, const std::string &words) {
     unlink("/var/nm/hostapd.conf");
     T rec;
     memcpy(&rec, nmtest::record(area, words).data(), sizeof rec);
-    nmtest::clear_commands(); // the station's get asked the supplicant for its state
-    return nmtest::logs().clear(), rec;
+    return nmtest::clear_commands(), nmtest::logs().clear(), rec; // the station's get ran wpa_cli
 }
 void expect_stored(const char *section, const strings &keys, const std::vector<int> &want) {
-    for (size_t i = 0; i < keys.size(); ++i) {
-        int v = -100; // left so when the key is missing
-        qmt_conf_scanf("network", "%k%k%d", section, keys[i].c_str(), &v);
-        EXPECT_EQ(v, want.at(i)) << section << " " << keys[i];
-    }
+    std::vector<int> got(keys.size(), -100); // left so when a key is missing
+    for (size_t i = 0; i < keys.size(); ++i)
+        qmt_conf_scanf("network", "%k%k%d", section, keys[i].c_str(), &got[i]);
+    EXPECT_EQ(got, want) << section;
 }
 
 using step = std::pair<int, std::string>; // a datagram after a delay in milliseconds
@@ -52,13 +50,13 @@ struct peer {
         unlink(a.sun_path);
         EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << path;
         thread_ = std::thread([this, script] {
-            char buf[256];
+            char in[256];
             sockaddr_un from{};
             auto *to = reinterpret_cast<sockaddr *>(&from);
             socklen_t len = sizeof from;
-            for (ssize_t n; (n = recvfrom(fd_, buf, sizeof buf, 0, to, &len)) > 0;
+            for (ssize_t n; (n = recvfrom(fd_, in, sizeof in, 0, to, &len)) > 0;
                  len = sizeof from) {
-                requests_.emplace_back(buf, n);
+                requests_.emplace_back(in, n);
                 for (const auto &[ms, datagram] : script)
                     usleep(ms * 1000), sendto(fd_, datagram.data(), datagram.size(), 0, to, len);
             }
@@ -83,9 +81,8 @@ void on_event(char *msg, size_t len) {
     events.emplace_back(msg, len);
 }
 
-// A request waits two seconds after the command or the last event; events go to the callback.
-// An event filling the buffer loses its last byte to the terminator; a reply filling it is
-// delivered whole, unterminated. Attach and detach want exactly "OK\n".
+// A request waits 2 s after the command or the last event; events go to the callback, losing a last
+// byte to the terminator; a reply is delivered whole. Attach and detach want exactly "OK\n".
 TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
     struct {
         std::string command;
@@ -106,8 +103,7 @@ TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
         {"ATTACH", {{0, "OK"}}, -1, ""},
         {"DETACH", {{0, "ok\n"}}, -1, ""},
         {"DETACH", {{0, "OK\nOK\nOK\nOK\n"}}, -1, ""}, // cut at 10 bytes
-        {"DETACH", {}, -2, "", {}, 2000},
-        // clang-format on
+        {"DETACH", {}, -2, "", {}, 2000}, // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.command + (r.script.empty() ? "" : " " + r.script.back().second));
@@ -133,12 +129,11 @@ TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
 
 using Wifi = nmtest::area_test;
 
-// A record through the dispatcher from the factory settings: refused with the check's line, or
-// network 0 removed and the lines that join the new one run (or WPS, cancelled without the LED:
-// nothing stored), the settings stored with the key only of the security in use.
+// A record refused with the check's line, or network 0 removed and the lines joining the new one
+// run (WPS: cancelled without the LED), the key only of the security in use stored. q64: 64 quotes
+// as they stand in a single-quoted shell word.
 TEST_F(Wifi, StationRecordsGiveTheirCommandsAndStoredKeys) {
     ASSERT_NE(access("/sys/class/leds/wifi_led/trigger", F_OK), 0) << "this test needs no LED";
-    // 64 single quotes as they stand in a single-quoted shell word
     const std::string q64 = std::regex_replace(std::string(64, '\''), std::regex("'"), "'\\''");
     const std::string hex = "0123456789abcdef0123456789", ctl = ", errno = -34537479",
                       wep_hex = "sta wep key of 10 or 26 characters must be hexadecimal" + ctl;
@@ -180,8 +175,7 @@ TEST_F(Wifi, StationRecordsGiveTheirCommandsAndStoredKeys) {
         {"enable=1|ssid=Home Net|auth=3|encry=2|password=pass phrase", join("Home Net", {"psk '\"pass phrase\"'"})},
         {"enable=1|ssid=n|auth=4|encry=1|password=*p", join("n", {"psk '\"" + std::string(64, 'p') + "\"'"})},
         {"enable=1|ssid=it's \"q\" $(id)|auth=2|password=a'b\"c\\d`e`", join("it'\\''s \"q\" $(id)", {"psk '\"a'\\''b\"c\\d`e`\"'"})},
-        {"enable=1|ssid=*'|auth=2|password=*'", join(q64.substr(0, 4 * 32), {"psk '\"" + q64 + "\"'"})},
-        // clang-format on
+        {"enable=1|ssid=*'|auth=2|password=*'", join(q64.substr(0, 4 * 32), {"psk '\"" + q64 + "\"'"})}, // clang-format on
     };
     const qmtnm_sta_cfg factory = record<qmtnm_sta_cfg>("sta", "");
     for (const auto &r : rows) {
@@ -225,23 +219,20 @@ TEST_F(Wifi, StationGetReadsTheStoreAndTheSupplicantsState) {
 // A PIN's 8 digits, weighted 3, 1, 3, 1..., sum to a multiple of 10. The instances make one and
 // store it.
 TEST_F(Wifi, PinsCarryTheirCheckDigitAndAreStored) {
-    for (const auto &[body, pin] :
-         {std::pair{1, 17}, {10, 109}, {1234567, 12345670}, {9999999, 99999995}})
+    for (auto [body, pin] : {std::pair{1, 17}, {10, 109}, {1234567, 12345670}, {9999999, 99999995}})
         EXPECT_EQ(nm::wifi::wps_pin(body), pin) << body;
     for (const auto &[id, section] :
          {std::pair{QMTNM_ID_STAPIN, "network_sta"}, std::pair{QMTNM_ID_APPIN, "network_softap"}}) {
         char pin[QMTNM_WPS_PIN_SIZE] = {};
         ASSERT_EQ(qmtnm_lcl_get(id, pin, 0), 0);
-        EXPECT_TRUE(strspn(pin, "0123456789") == 8 && !pin[8] &&
-                    nm::wifi::wps_pin(atoi(pin) / 10) == atoi(pin))
-            << pin;
+        EXPECT_EQ(strspn(pin, "0123456789"), 8u) << pin;
+        EXPECT_EQ(nm::wifi::wps_pin(atoi(pin) / 10), atoi(pin)) << pin;
         EXPECT_EQ(stored_str(section, "wps_pin"), pin);
     }
 }
 
-// A scan attaches to the supplicant, waits for its results event (not another one) and counts
-// the lines behind the header. They go into as many whole entries as the room holds; the count
-// returned is the entries minus two.
+// A scan attaches, waits for the results event (not another one) and counts the lines behind the
+// header; they fill as many whole entries as the room holds, the count returned minus two.
 TEST_F(Wifi, ScanCountsAndParsesTheResults) {
     // clang-format off
     const std::pair<std::string, std::string> lines[] = { // and their entries
@@ -275,9 +266,9 @@ TEST_F(Wifi, ScanCountsAndParsesTheResults) {
                   lines[i].second);
 }
 
-// A record through the dispatcher from the factory settings (on, channel 6, 802.11b): refused
-// with the check's line, or hostapd.conf written, hostapd made to reread it and the settings
-// stored; the switch turned off is stored alone and waits for a reboot.
+// A record on the factory settings (on, channel 6, 802.11b) refused with the check's line, or
+// applied (hostapd.conf, hostapd rereads it) and stored; turned off, only the switch is stored and
+// waits for a reboot.
 TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
     const std::string ctl = ", errno = -34603015", z32(32, 'z'),
                       head = "interface=wlan1\nctrl_interface=/var/run/hostapd\nbeacon_int=100\n"
@@ -312,8 +303,7 @@ TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
          "wpa_passphrase=a b'c\"d\\\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=CCMP\n"},
         {"ssid=*z|auth=4|password=*p|encry=1", "ssid=" + z32 + "\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=3\n"
          "wpa_passphrase=" + std::string(64, 'p') + "\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP\n"},
-        {"ssid=WPS|password=wps only|wps_enable=1", "ssid=WPS\nchannel=6\nhw_mode=b\nwps_state=2"},
-        // clang-format on
+        {"ssid=WPS|password=wps only|wps_enable=1", "ssid=WPS\nchannel=6\nhw_mode=b\nwps_state=2"}, // clang-format on
     };
     const nm_softap factory = record<nm_softap>("ap", "");
     for (const auto &r : rows) {
