@@ -8,6 +8,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <regex>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -19,23 +20,24 @@ using strings = std::vector<std::string>;
 namespace {
 
 const std::string W = "wpa_cli -p/var/run/wpa_supplicant";
-const int32_t kStaInvalid = static_cast<int32_t>(0xFDF0FFF9);
-const int32_t kApInvalid = static_cast<int32_t>(0xFDEFFFF9);
-
 const auto cli = [](const std::string &words) { return W + " " + words + " &>/dev/null"; };
 const auto text = [](const auto &f) { return std::string(f, strnlen(f, sizeof f)); };
-template <size_t N> void put(char (&field)[N], const std::string &text) {
-    memset(field, 0, N);
-    memcpy(field, text.data(), std::min(N, text.size()));
+// The factory settings, the activate flag set, nothing run, written or logged yet; and the area's
+// record as the tool builds it from them and its words ("ssid=x|auth=2").
+template <class T> T record(const char *area, const std::string &words) {
+    nmtest::load_defaults();
+    nmtest::set_activate_flag(1);
+    unlink("/var/nm/hostapd.conf");
+    T rec;
+    memcpy(&rec, nmtest::record(area, words).data(), sizeof rec);
+    return nmtest::clear_commands(), nmtest::logs().clear(), rec; // the station's get ran wpa_cli
 }
-void expect_stored(const char *section, std::initializer_list<std::pair<const char *, int>> keys) {
-    for (const auto &[key, want] : keys) {
-        int v = -100;
-        EXPECT_GE(qmt_conf_scanf("network", "%k%k%d", section, key, &v), 0);
-        EXPECT_EQ(v, want) << section << " " << key;
-    }
+void expect_stored(const char *section, const strings &keys, const std::vector<int> &want) {
+    std::vector<int> got(keys.size(), -100); // left so when a key is missing
+    for (size_t i = 0; i < keys.size(); ++i)
+        qmt_conf_scanf("network", "%k%k%d", section, keys[i].c_str(), &got[i]);
+    EXPECT_EQ(got, want) << section;
 }
-const auto write_file = [](const char *path, const std::string &t) { std::ofstream(path) << t; };
 
 using step = std::pair<int, std::string>; // a datagram after a delay in milliseconds
 
@@ -48,17 +50,15 @@ struct peer {
         unlink(a.sun_path);
         EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&a), sizeof a), 0) << path;
         thread_ = std::thread([this, script] {
-            char buf[256];
+            char in[256];
             sockaddr_un from{};
             auto *to = reinterpret_cast<sockaddr *>(&from);
             socklen_t len = sizeof from;
-            for (ssize_t n; (n = recvfrom(fd_, buf, sizeof buf, 0, to, &len)) > 0;
+            for (ssize_t n; (n = recvfrom(fd_, in, sizeof in, 0, to, &len)) > 0;
                  len = sizeof from) {
-                requests_.emplace_back(buf, n);
-                for (const step &s : script) {
-                    usleep(s.first * 1000);
-                    sendto(fd_, s.second.data(), s.second.size(), 0, to, len);
-                }
+                requests_.emplace_back(in, n);
+                for (const auto &[ms, datagram] : script)
+                    usleep(ms * 1000), sendto(fd_, datagram.data(), datagram.size(), 0, to, len);
             }
         });
     }
@@ -81,9 +81,8 @@ void on_event(char *msg, size_t len) {
     events.emplace_back(msg, len);
 }
 
-// A request waits two seconds after the command or the last event; events go to the callback.
-// An event filling the buffer loses its last byte to the terminator; a reply filling it is
-// delivered whole, unterminated. Attach and detach want exactly "OK\n".
+// A request waits 2 s after the command or the last event; events go to the callback, losing a last
+// byte to the terminator; a reply is delivered whole. Attach and detach want exactly "OK\n".
 TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
     struct {
         std::string command;
@@ -91,8 +90,7 @@ TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
         int result;
         std::string reply;
         strings events = {};
-        int ms = 0;     // how long it waits
-        size_t cap = 0; // the reply buffer's size
+        size_t ms = 0, cap = 0; // how long it waits, the reply buffer's size
     } const rows[] = {
         // clang-format off
         {"PING", {}, -2, "", {}, 2000, 64},
@@ -105,8 +103,7 @@ TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
         {"ATTACH", {{0, "OK"}}, -1, ""},
         {"DETACH", {{0, "ok\n"}}, -1, ""},
         {"DETACH", {{0, "OK\nOK\nOK\nOK\n"}}, -1, ""}, // cut at 10 bytes
-        {"DETACH", {}, -2, "", {}, 2000},
-        // clang-format on
+        {"DETACH", {}, -2, "", {}, 2000}, // clang-format on
     };
     for (const auto &r : rows) {
         SCOPED_TRACE(r.command + (r.script.empty() ? "" : " " + r.script.back().second));
@@ -130,166 +127,131 @@ TEST(WpaCtrl, RequestsTellEventsFromTheReply) {
     }
 }
 
-qmtnm_sta_cfg sta(int32_t auth, const std::string &ssid, const std::string &pass, int32_t index = 1,
-                  int32_t encry = 0, int32_t wps = 0, int32_t enable = 1) {
-    qmtnm_sta_cfg c = {};
-    c.enable = enable, c.auth = auth, c.encry = encry, c.index = index, c.use_wps = wps;
-    put(c.ssid, ssid);
-    put(c.password, wps ? "" : pass);
-    put(c.wps_pin, wps ? pass : "");
-    return c;
-}
-qmtnm_sta_cfg wps(const std::string &pin, int32_t enable = 1, int32_t push_button = 0) {
-    qmtnm_sta_cfg c = sta(0, "", pin, 1, 0, 1, enable);
-    return c.push_button = push_button, c;
-}
-
 using Wifi = nmtest::area_test;
-void fresh() { // the factory settings, the activate flag set, nothing run, written or logged yet
-    nmtest::load_defaults();
-    nmtest::set_activate_flag(1);
-    unlink("/var/nm/hostapd.conf");
-    nmtest::clear_commands();
-    nmtest::logs().clear();
-}
 
-// A record through the dispatcher from the factory settings: refused with the check's line, or
-// network 0 removed and the lines that join the new one run (or WPS, cancelled without the LED:
-// nothing stored), the settings stored with the key only of the security in use.
+// A record refused with the check's line, or network 0 removed and the lines joining the new one
+// run (WPS: cancelled without the LED), the key only of the security in use stored. q64: 64 quotes
+// as they stand in a single-quoted shell word.
 TEST_F(Wifi, StationRecordsGiveTheirCommandsAndStoredKeys) {
     ASSERT_NE(access("/sys/class/leds/wifi_led/trigger", F_OK), 0) << "this test needs no LED";
-    std::string q64; // 64 single quotes as they stand in a single-quoted shell word
-    for (int i = 0; i < 64; ++i)
-        q64 += "'\\''";
-    const std::string hex = "0123456789abcdef0123456789", p64(64, 'p'), ctl = ", errno = -34537479",
+    const std::string q64 = std::regex_replace(std::string(64, '\''), std::regex("'"), "'\\''");
+    const std::string hex = "0123456789abcdef0123456789", ctl = ", errno = -34537479",
                       wep_hex = "sta wep key of 10 or 26 characters must be hexadecimal" + ctl;
     const std::string rm = cli("remove_network 0"), cancel = W + " wps_cancel";
     auto join = [rm](const std::string &word, strings security) { // word: the ssid as it stands
-        strings run = {rm, cli("ap_scan 1"), cli("add_network"),
-                       cli("set_network 0 ssid '\"" + word + "\"'"),
-                       cli("set_network 0 scan_ssid 1")};
+        security.insert(security.begin(), {"ssid '\"" + word + "\"'", "scan_ssid 1"});
+        strings run = {rm, cli("ap_scan 1"), cli("add_network")};
         for (const std::string &s : security)
             run.push_back(cli("set_network 0 " + s));
         return run.insert(run.end(), {cli("select_network 0"), cli("save_config")}), run;
     };
     struct {
-        qmtnm_sta_cfg cfg;
-        int32_t result;
-        strings run;
+        std::string words;
+        strings run;              // none: refused
         std::string refusal = ""; // the check's line
     } const rows[] = {
         // clang-format off
-        {sta(0, "", ""), kStaInvalid, {}, "essid length should 1~32, but now is 0"},
-        {sta(5, "net", ""), kStaInvalid, {}, "sta auth out of range"},
-        {sta(2, "net", "12345678", 1, 3), kStaInvalid, {}, "sta auth out of range"},
-        {sta(1, "net", "abcde", 5), kStaInvalid, {}, "sta wep index value invalid"},
-        {sta(1, "net", "abcdef"), kStaInvalid, {}, "wep password len invalid, len=6"},
-        {sta(2, "net", "1234567"), kStaInvalid, {}, "wpa password len invalid, len=7"},
-        {wps("1234567"), kStaInvalid, {}, "sta wps pin len check fail, pin:1234567"},
-        {wps("1234567a"), kStaInvalid, {}, "sta wps pin value check fail, pin:1234567a"},
-        {wps("1;reboot", 0), kStaInvalid, {}, "sta wps pin value check fail, pin:1;reboot"}, // WPS runs when off
-        {sta(0, "net\nnetwork={", ""), kStaInvalid, {}, "sta ssid holds a control character" + ctl},
-        {sta(2, "net\t", "12345678"), kStaInvalid, {}, "sta ssid holds a control character" + ctl},
-        {sta(2, "n", "1234567\n8"), kStaInvalid, {}, "sta password holds a control character" + ctl},
-        {sta(2, "n", "12345678\x7f"), kStaInvalid, {}, "sta password holds a control character" + ctl},
-        {sta(1, "n", "01234;id;x"), kStaInvalid, {}, wep_hex},
-        {sta(1, "n", hex.substr(0, 25) + "g"), kStaInvalid, {}, wep_hex},
-        {sta(9, "x", "\n", 1, 0, 0, 0), 0, {rm}}, // off: nothing else is looked at or stored
-        {wps("", 1, 1), int32_t(0xFDF0FFFF), {rm, cli("wps_pbc any"), cancel, W + " reconfigure"}},
-        {wps("12345678"), int32_t(0xFDF0FFFF), {rm, cli("wps_pin any 12345678"), cancel, W + " reconfigure"}}, // no check digit
-        {sta(0, "Cafe", "unused\n"), 0, join("Cafe", {"key_mgmt NONE"})},
-        {sta(1, "Home", hex, 3), 0, join("Home", {"key_mgmt NONE", "wep_key2 " + hex, "wep_tx_keyidx 2"})},
-        {sta(1, "H", "0a1b2c3d4e", 4), 0, join("H", {"key_mgmt NONE", "wep_key3 0a1b2c3d4e", "wep_tx_keyidx 3"})},
-        {sta(1, "H", "abc'd"), 0, join("H", {"key_mgmt NONE", "wep_key0 '\"abc'\\''d\"'", "wep_tx_keyidx 0"})},
-        {sta(1, "H", "a;b\"c$(x)`y`z"), 0, join("H", {"key_mgmt NONE", "wep_key0 '\"a;b\"c$(x)`y`z\"'", "wep_tx_keyidx 0"})},
-        {sta(3, "Home Net", "pass phrase", 1, 2), 0, join("Home Net", {"psk '\"pass phrase\"'"})},
-        {sta(4, "n", p64, 1, 1), 0, join("n", {"psk '\"" + p64 + "\"'"})},
-        {sta(2, "it's \"q\" $(id)", "a'b\"c\\d`e`"), 0, join("it'\\''s \"q\" $(id)", {"psk '\"a'\\''b\"c\\d`e`\"'"})},
-        {sta(2, std::string(32, '\''), std::string(64, '\'')), 0, join(q64.substr(0, 4 * 32), {"psk '\"" + q64 + "\"'"})},
-        // clang-format on
+        {"enable=1", {}, "essid length should 1~32, but now is 0"},
+        {"enable=1|ssid=net|auth=5", {}, "sta auth out of range"},
+        {"enable=1|ssid=net|auth=2|password=12345678|encry=3", {}, "sta auth out of range"},
+        {"enable=1|ssid=net|auth=1|password=abcde|index=5", {}, "sta wep index value invalid"},
+        {"enable=1|ssid=net|auth=1|password=abcdef|index=1", {}, "wep password len invalid, len=6"},
+        {"enable=1|ssid=net|auth=2|password=1234567", {}, "wpa password len invalid, len=7"},
+        {"enable=1|wps=pin|pin=1234567", {}, "sta wps pin len check fail, pin:1234567"},
+        {"enable=1|wps=pin|pin=1234567a", {}, "sta wps pin value check fail, pin:1234567a"},
+        {"wps=pin|pin=1;reboot", {}, "sta wps pin value check fail, pin:1;reboot"}, // WPS runs when off
+        {"enable=1|ssid=net\nnetwork={", {}, "sta ssid holds a control character" + ctl},
+        {"enable=1|ssid=n|auth=2|password=1234567\n8", {}, "sta password holds a control character" + ctl},
+        {"enable=1|ssid=n|auth=2|password=12345678\x7f", {}, "sta password holds a control character" + ctl},
+        {"enable=1|ssid=n|auth=1|index=1|password=01234;id;x", {}, wep_hex},
+        {"enable=1|ssid=n|auth=1|index=1|password=" + hex.substr(0, 25) + "g", {}, wep_hex},
+        {"auth=9|ssid=x|password=\n", {rm}}, // off: nothing else is looked at or stored
+        {"enable=1|wps=pbc", {rm, cli("wps_pbc any"), cancel, W + " reconfigure"}},
+        {"enable=1|wps=pin|pin=12345678", {rm, cli("wps_pin any 12345678"), cancel, W + " reconfigure"}}, // no check digit
+        {"enable=1|ssid=Cafe|password=unused\n", join("Cafe", {"key_mgmt NONE"})},
+        {"enable=1|ssid=Home|auth=1|index=3|password=" + hex, join("Home", {"key_mgmt NONE", "wep_key2 " + hex, "wep_tx_keyidx 2"})},
+        {"enable=1|ssid=H|auth=1|index=4|password=0a1b2c3d4e", join("H", {"key_mgmt NONE", "wep_key3 0a1b2c3d4e", "wep_tx_keyidx 3"})},
+        {"enable=1|ssid=H|auth=1|index=1|password=a'b\"c$(x)`y`;", join("H", {"key_mgmt NONE", "wep_key0 '\"a'\\''b\"c$(x)`y`;\"'", "wep_tx_keyidx 0"})},
+        {"enable=1|ssid=Home Net|auth=3|encry=2|password=pass phrase", join("Home Net", {"psk '\"pass phrase\"'"})},
+        {"enable=1|ssid=n|auth=4|encry=1|password=*p", join("n", {"psk '\"" + std::string(64, 'p') + "\"'"})},
+        {"enable=1|ssid=it's \"q\" $(id)|auth=2|password=a'b\"c\\d`e`", join("it'\\''s \"q\" $(id)", {"psk '\"a'\\''b\"c\\d`e`\"'"})},
+        {"enable=1|ssid=*'|auth=2|password=*'", join(q64.substr(0, 4 * 32), {"psk '\"" + q64 + "\"'"})}, // clang-format on
     };
+    const qmtnm_sta_cfg factory = record<qmtnm_sta_cfg>("sta", "");
     for (const auto &r : rows) {
-        qmtnm_sta_cfg c = r.cfg;
-        SCOPED_TRACE(text(c.ssid) + "/" + text(c.password) + "/" + text(c.wps_pin));
-        fresh();
-        EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_STA, &c, 0), r.result);
+        SCOPED_TRACE(r.words);
+        auto c = record<qmtnm_sta_cfg>("sta", r.words);
+        EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_STA, &c, 0), r.run.empty() ? int32_t(0xFDF0FFF9)
+                                                      : c.use_wps   ? int32_t(0xFDF0FFFF)
+                                                                    : 0);
         EXPECT_EQ(nmtest::commands(), r.run);
         EXPECT_TRUE(r.refusal.empty() ||
                     nmtest::logs().contains(nmtest::logged("check_sta_info_grammar", r.refusal)));
-        const bool joined = r.result == 0 && c.enable;
-        expect_stored("network_sta", {{"enable", joined}, {"auth", joined ? c.auth : 0}});
-        expect_stored("network_sta", {{"encry", joined && c.auth >= 2 ? c.encry : 0},
-                                      {"index", joined && c.auth == 1 ? c.index : 0}});
-        EXPECT_EQ(stored_str("network_sta", "ssid"), joined ? text(c.ssid) : "");
-        EXPECT_EQ(stored_str("network_sta", "password"), joined && c.auth ? text(c.password) : "");
+        const auto &s = r.run.size() > 1 && !c.use_wps ? c : factory; // joined, or nothing stored
+        expect_stored("network_sta", {"enable", "auth", "encry", "index"},
+                      {s.enable, s.auth, s.auth >= 2 ? s.encry : 0, s.auth == 1 ? s.index : 0});
+        EXPECT_EQ(stored_str("network_sta", "ssid"), text(s.ssid));
+        EXPECT_EQ(stored_str("network_sta", "password"), s.auth ? text(s.password) : "");
     }
 }
 
 // The stored record and the link the supplicant's state tells.
 TEST_F(Wifi, StationGetReadsTheStoreAndTheSupplicantsState) {
-    qmtnm_sta_cfg on = sta(1, "Home", "abcde", 2);
+    auto on = record<qmtnm_sta_cfg>("sta", "enable=1|ssid=Home|auth=1|password=abcde|index=2");
     ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_STA, &on, 0), 0);
     // clang-format off
     const std::pair<const char *, int32_t> rows[] = {{"bssid=02:00:00:00:01:00\nwpa_state=COMPLETED\n", 1},
         {"wpa_state=INACTIVE\n", 0}, {"wpa_state=DISCONNECTED\n", 0}, {"wpa_state=4WAY_HANDSHAKE\n", 2},
         {"wpa_state=SCANNING\n", 3}, {"address=02:00:00:00:00:01\n", 0}}; // clang-format on
     for (const auto &[status, link] : rows) {
-        write_file("/var/nm/status_info", status);
+        std::ofstream("/var/nm/status_info") << status;
         nmtest::clear_commands();
         qmtnm_sta_cfg got, want = on;
         memset(&got, 0x55, sizeof got);
         ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_STA, &got, 0), 0);
         EXPECT_EQ(nmtest::commands(), strings{W + " -iwlan0 status &>/var/nm/status_info"});
-        want.encry = 0, want.link_state = link;
-        put(want.wps_pin, "12345670");
+        want.link_state = link;
+        memcpy(want.wps_pin, "12345670", sizeof want.wps_pin);
         EXPECT_EQ(memcmp(&got, &want, sizeof got), 0) << status;
     }
 }
 
-// A PIN is valid when its 8 digits, weighted 3, 1, 3, 1... from the first, sum to a multiple of
-// 10. The instances make one and store it.
+// A PIN's 8 digits, weighted 3, 1, 3, 1..., sum to a multiple of 10. The instances make one and
+// store it.
 TEST_F(Wifi, PinsCarryTheirCheckDigitAndAreStored) {
-    for (const auto &[body, pin] :
-         {std::pair{1, 17}, {10, 109}, {1234567, 12345670}, {9999999, 99999995}})
+    for (auto [body, pin] : {std::pair{1, 17}, {10, 109}, {1234567, 12345670}, {9999999, 99999995}})
         EXPECT_EQ(nm::wifi::wps_pin(body), pin) << body;
     for (const auto &[id, section] :
          {std::pair{QMTNM_ID_STAPIN, "network_sta"}, std::pair{QMTNM_ID_APPIN, "network_softap"}}) {
         char pin[QMTNM_WPS_PIN_SIZE] = {};
         ASSERT_EQ(qmtnm_lcl_get(id, pin, 0), 0);
-        int sum = 0;
-        for (int i = 0; i < 8; ++i)
-            sum += (pin[i] - '0') * (i % 2 ? 1 : 3);
-        EXPECT_TRUE(strlen(pin) == 8 && strspn(pin, "0123456789") == 8 && sum % 10 == 0) << pin;
+        EXPECT_EQ(strspn(pin, "0123456789"), 8u) << pin;
+        EXPECT_EQ(nm::wifi::wps_pin(atoi(pin) / 10), atoi(pin)) << pin;
         EXPECT_EQ(stored_str(section, "wps_pin"), pin);
     }
 }
 
-// A scan attaches to the supplicant, waits for its results event (not another one) and counts
-// the lines behind the header. They go into as many whole entries as the room holds; the count
-// returned is the entries minus two.
+// A scan attaches, waits for the results event (not another one) and counts the lines behind the
+// header; they fill as many whole entries as the room holds, the count returned minus two.
 TEST_F(Wifi, ScanCountsAndParsesTheResults) {
-    const std::string s32(32, 'n');
     // clang-format off
-    const std::vector<step> supplicant = {{0, "OK\n"}, {0, "<3>CTRL-EVENT-SCAN-STARTED "},
-        {0, "<3>CTRL-EVENT-SCAN-RESULTS"}, {0, "<2>CTRL-EVENT-SCAN-RESULTS "}};
     const std::pair<std::string, std::string> lines[] = { // and their entries
         {"02:00:00:00:01:00\t2412\t-40\t[WPA2-PSK-CCMP]\tHome", "Home|02:00:00:00:01:00|1|-40|[WPA2-PSK-CCMP]"},
         {"02:00:00:00:02:00\t2472\t-71\t[ESS]\t", "|02:00:00:00:02:00|13|-71|[ESS]"},
         {"02:00:00:00:03:00\t2484\t-90\t[WEP]\ttab\tin name", "tab\tin name|02:00:00:00:03:00|15|-90|[WEP]"},
-        {"02:00:00:00:04:00\t5180\t-55\t[WPS]\t" + s32, s32 + "||554|-55|[WPS]"}, // the terminator takes bssid's first byte
+        {"02:00:00:00:04:00\t5180\t-55\t[WPS]\t" + std::string(32, 'n'), std::string(32, 'n') + "||554|-55|[WPS]"}, // the terminator takes bssid's first byte
     };
     std::string file = "Selected interface 'wlan0'\nbssid / frequency / signal level / flags / ssid\n";
-    // clang-format on
     for (const auto &line : lines)
         file += line.first + "\n";
-    write_file("/var/nm/scan_info", file);
+    std::ofstream("/var/nm/scan_info") << file;
     nmtest::sh("mkdir -p /var/run/wpa_supplicant");
+    peer wpas("/var/run/wpa_supplicant/wlan0", {{0, "OK\n"}, {0, "<3>CTRL-EVENT-SCAN-STARTED "},
+        {0, "<3>CTRL-EVENT-SCAN-RESULTS"}, {0, "<2>CTRL-EVENT-SCAN-RESULTS "}});
+    // clang-format on
     uint32_t count = 99;
-    {
-        peer wpas("/var/run/wpa_supplicant/wlan0", supplicant);
-        ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_DOSCAN, &count, 0), 0);
-        EXPECT_EQ(wpas.requests(), (strings{"ATTACH", "DETACH"}));
-    }
+    ASSERT_EQ(qmtnm_lcl_get(QMTNM_ID_DOSCAN, &count, 0), 0);
+    EXPECT_EQ(wpas.requests(), (strings{"ATTACH", "DETACH"}));
     EXPECT_EQ(count, 4u);
     EXPECT_EQ(nmtest::commands(),
               (strings{W + " scan >/dev/null", W + " scan_results >/var/nm/scan_info"}));
@@ -304,107 +266,92 @@ TEST_F(Wifi, ScanCountsAndParsesTheResults) {
                   lines[i].second);
 }
 
-nm_softap ap(int32_t auth, const std::string &ssid, const std::string &pass, int32_t channel = 6,
-             int32_t encry = 0, int32_t index = 1, int32_t hw_mode = 1, int32_t hide = 0,
-             int32_t wps = 0, int32_t enable = 1) {
-    nm_softap c = {};
-    c.enable = enable, c.channel = channel, c.hw_mode = hw_mode, c.hide_ssid = hide;
-    c.auth = auth, c.encry = encry, c.index = index, c.wps_enable = wps;
-    put(c.ssid, ssid);
-    put(c.password, pass);
-    return c;
-}
-
-// A record through the dispatcher: refused with the check's line, or hostapd.conf written,
-// hostapd made to reread it and the settings stored; the switch turned off is stored alone and
+// A record on the factory settings (on, channel 6, 802.11b) refused with the check's line, or
+// applied (hostapd.conf, hostapd rereads it) and stored; turned off, only the switch is stored and
 // waits for a reboot.
 TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
-    const std::string ctl = ", errno = -34603015", z32(32, 'z'), p64(64, 'p'),
+    const std::string ctl = ", errno = -34603015", z32(32, 'z'),
                       head = "interface=wlan1\nctrl_interface=/var/run/hostapd\nbeacon_int=100\n"
                              "dtim_period=2\nmax_num_sta=8\nbridge=br0\n";
     struct {
-        nm_softap cfg;
-        int32_t result;
-        std::string out; // hostapd.conf after its fixed head, or the check's line
+        std::string words;
+        std::string conf;         // hostapd.conf after its fixed head
+        std::string refusal = ""; // the check's line
     } const rows[] = {
         // clang-format off
-        {ap(0, "", ""), kApInvalid, "ap ssid len out of range"},
-        {ap(0, "a", "", 14), kApInvalid, "ap channel out of range"},
-        {ap(0, "a", "", 0x10006), kApInvalid, "ap channel out of range"},
-        {ap(0, "a", "", 6, 0, 1, 3), kApInvalid, "ap protocol out of range"},
-        {ap(0, "a", "", 6, 0, 1, 1, 2), kApInvalid, "ap hide out of range"},
-        {ap(5, "a", ""), kApInvalid, "ap auth out of range"},
-        {ap(1, "a", "abcde", 6, 0, 5), kApInvalid, "ap wep index value invalid"},
-        {ap(1, "a", "abcdef"), kApInvalid, "ap wep password len invalid, len=6"},
-        {ap(2, "a", "12345678", 6, 3), kApInvalid, "ap cipher out of range"},
-        {ap(2, "a", "1234567"), kApInvalid, "ap password len invalid, len=7"},
-        {ap(2, "a\nwpa=0", "12345678"), kApInvalid, "ap ssid holds a control character" + ctl},
-        {ap(2, "a", "12345678\nwpa_psk=x"), kApInvalid, "ap password holds a control character" + ctl},
-        {ap(1, "a", "0a1b2c3d4z"), kApInvalid, "ap wep key of 10 or 26 characters must be hexadecimal" + ctl},
-        {ap(9, "", "", 0, 0, 1, 1, 0, 0, 0), 0, ""}, // off: nothing else is looked at
-        {ap(0, "Cafe", "unused", 13), 0, "ssid=Cafe\nchannel=13\nhw_mode=g\n"},
-        {ap(0, "Open AP", "", 0x0101, 0, 1, 0, 1), 0, "ssid=Open AP\nchannel=1\nignore_broadcast_ssid=2\nhw_mode=b\n"},
-        {ap(1, "W", "ab'\"c", 3, 0, 2), 0, "ssid=W\nchannel=3\nhw_mode=g\nauth_algs=1\nwep_default_key=1\nwep_key1=\"ab'\"c\"\n"},
-        {ap(1, "W", "0a1b2c3d4e", 3, 0, 4), 0, "ssid=W\nchannel=3\nhw_mode=g\nauth_algs=1\nwep_default_key=3\nwep_key3=0a1b2c3d4e\n"},
-        {ap(3, "Cam", "pass phrase \"x\"", 11, 2, 1, 2, 0, 1), 0, "ssid=Cam\nchannel=11\nhw_mode=g\nieee80211n=1\n"
-         "wps_state=2auth_algs=1\nwpa=2\nwpa_passphrase=pass phrase \"x\"\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP CCMP\n"},
-        {ap(2, "#x = \"y\" \\", "a b'c\"d\\"), 0, "ssid=#x = \"y\" \\\nchannel=6\nhw_mode=g\nauth_algs=1\nwpa=1\n"
+        {"ssid=", "", "ap ssid len out of range"},
+        {"channel=14", "", "ap channel out of range"},
+        {"channel=0x10006", "", "ap channel out of range"},
+        {"hw_mode=3", "", "ap protocol out of range"},
+        {"hide_ssid=2", "", "ap hide out of range"},
+        {"auth=5", "", "ap auth out of range"},
+        {"auth=1|password=abcde|index=5", "", "ap wep index value invalid"},
+        {"auth=1|password=abcdef|index=1", "", "ap wep password len invalid, len=6"},
+        {"auth=2|password=12345678|encry=3", "", "ap cipher out of range"},
+        {"auth=2|password=1234567", "", "ap password len invalid, len=7"},
+        {"ssid=a\nwpa=0|auth=2|password=12345678", "", "ap ssid holds a control character" + ctl},
+        {"auth=2|password=12345678\nwpa_psk=x", "", "ap password holds a control character" + ctl},
+        {"auth=1|index=1|password=0a1b2c3d4z", "", "ap wep key of 10 or 26 characters must be hexadecimal" + ctl},
+        {"enable=0|auth=9|ssid=|channel=0", ""}, // off: nothing else is looked at
+        {"ssid=Cafe|password=unused|channel=13|hw_mode=1", "ssid=Cafe\nchannel=13\nhw_mode=g\n"},
+        {"ssid=Open AP|channel=0x0101|hide_ssid=1", "ssid=Open AP\nchannel=1\nignore_broadcast_ssid=2\nhw_mode=b\n"},
+        {"ssid=W|auth=1|password=ab'\"c|channel=3|index=2", "ssid=W\nchannel=3\nhw_mode=b\nauth_algs=1\nwep_default_key=1\nwep_key1=\"ab'\"c\"\n"},
+        {"ssid=W|auth=1|password=0a1b2c3d4e|channel=3|index=4", "ssid=W\nchannel=3\nhw_mode=b\nauth_algs=1\nwep_default_key=3\nwep_key3=0a1b2c3d4e\n"},
+        {"ssid=Cam|auth=3|password=pass phrase \"x\"|channel=11|encry=2|hw_mode=2|wps_enable=1", "ssid=Cam\nchannel=11\nhw_mode=g\n"
+         "ieee80211n=1\nwps_state=2auth_algs=1\nwpa=2\nwpa_passphrase=pass phrase \"x\"\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP CCMP\n"},
+        {"ssid=#x = \"y\" \\|auth=2|password=a b'c\"d\\|hw_mode=1", "ssid=#x = \"y\" \\\nchannel=6\nhw_mode=g\nauth_algs=1\nwpa=1\n"
          "wpa_passphrase=a b'c\"d\\\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=CCMP\n"},
-        {ap(4, z32, p64, 6, 1), 0, "ssid=" + z32 + "\nchannel=6\nhw_mode=g\nauth_algs=1\nwpa=3\n"
-         "wpa_passphrase=" + p64 + "\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP\n"},
-        {ap(0, "WPS", "wps only", 6, 0, 1, 1, 0, 1), 0, "ssid=WPS\nchannel=6\nhw_mode=g\nwps_state=2"},
-        // clang-format on
+        {"ssid=*z|auth=4|password=*p|encry=1", "ssid=" + z32 + "\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=3\n"
+         "wpa_passphrase=" + std::string(64, 'p') + "\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP\n"},
+        {"ssid=WPS|password=wps only|wps_enable=1", "ssid=WPS\nchannel=6\nhw_mode=b\nwps_state=2"}, // clang-format on
     };
+    const nm_softap factory = record<nm_softap>("ap", "");
     for (const auto &r : rows) {
-        nm_softap c = r.cfg;
-        SCOPED_TRACE(text(c.ssid) + "/" + text(c.password) + "/" + r.out);
-        fresh();
-        ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_AP, &c, 0), r.result);
-        const bool applied = r.result == 0 && c.enable;
-        EXPECT_EQ(nmtest::file_text("/var/nm/hostapd.conf"), applied ? head + r.out : "<missing>");
+        SCOPED_TRACE(r.words);
+        auto c = record<nm_softap>("ap", r.words);
+        const bool refused = !r.refusal.empty(), applied = !refused && c.enable;
+        ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_AP, &c, 0), refused ? int32_t(0xFDEFFFF9) : 0);
+        const auto &s = applied ? c : factory; // what is stored besides the switch
+        EXPECT_EQ(nmtest::file_text("/var/nm/hostapd.conf"), applied ? head + r.conf : "<missing>");
         EXPECT_EQ(nmtest::commands(),
                   applied ? strings{"killall -1 hostapd > /dev/null 2>&1"} : strings{});
-        EXPECT_EQ(nmtest::activate_flag(), applied || r.result ? 1u : 0u);
-        expect_stored("network_softap", {{"enable", r.result ? 1 : c.enable}});
-        EXPECT_EQ(stored_str("network_softap", "ssid"), applied ? text(c.ssid) : "qmtnm-ap");
-        if (!applied) {
-            EXPECT_TRUE(nmtest::logs().contains(
-                r.result ? nmtest::logged("check_softap_info_grammar", r.out)
-                         : nmtest::logged("ap_activate_now", "function request reboot")));
-            continue;
-        }
-        expect_stored("network_softap", {{"channel", c.channel}, {"hw_mode", c.hw_mode}});
-        expect_stored("network_softap", {{"auth", c.auth}, {"wps_enable", c.wps_enable}});
+        EXPECT_EQ(nmtest::activate_flag(), applied || refused ? 1u : 0u);
+        EXPECT_TRUE(applied ||
+                    nmtest::logs().contains(
+                        refused ? nmtest::logged("check_softap_info_grammar", r.refusal)
+                                : nmtest::logged("ap_activate_now", "function request reboot")));
         expect_stored("network_softap",
-                      {{"encry", c.auth >= 2 ? c.encry : 0}, {"index", c.auth == 1 ? c.index : 0}});
+                      {"enable", "channel", "hw_mode", "auth", "wps_enable", "encry", "index"},
+                      {refused ? 1 : c.enable, s.channel, s.hw_mode, s.auth, s.wps_enable,
+                       s.auth >= 2 ? s.encry : 0, s.auth == 1 ? s.index : 0});
+        EXPECT_EQ(stored_str("network_softap", "ssid"), text(s.ssid));
         EXPECT_EQ(stored_str("network_softap", "password"),
-                  c.auth || c.wps_enable ? text(c.password) : "");
+                  s.auth || s.wps_enable ? text(s.password) : "");
     }
 }
 
 // The client's pending, recv and events before a reply; the station's text saved as typed.
 TEST_F(Wifi, RealSupplicantTakesTheClientAndTheStationsCommands) {
     nmtest::run_commands(true);
-    ASSERT_EQ(nmtest::sh("ip link add wlan0 type veth peer name wlan0p && ip link set wlan0 up && "
-                         "printf 'ctrl_interface=/var/run/wpa_supplicant\\nupdate_config=1\\n' "
-                         ">/var/nm/wpa_supplicant.conf && wpa_supplicant -B -D wired -i wlan0 "
-                         "-c /var/nm/wpa_supplicant.conf -P /tmp/wpas.pid >/tmp/wpas.log 2>&1 && "
-                         "[ -S /var/run/wpa_supplicant/wlan0 ] && echo up"),
-              "up\n")
-        << nmtest::file_text("/tmp/wpas.log");
+    const char *start = "ip link add wlan0 type veth peer name wlan0p && ip link set wlan0 up && "
+                        "printf 'ctrl_interface=/var/run/wpa_supplicant\\nupdate_config=1\\n' "
+                        ">/var/nm/wpa_supplicant.conf && wpa_supplicant -B -D wired -i wlan0 "
+                        "-c /var/nm/wpa_supplicant.conf -P /tmp/wpas.pid >/tmp/wpas.log 2>&1 && "
+                        "[ -S /var/run/wpa_supplicant/wlan0 ] && echo up";
+    ASSERT_EQ(nmtest::sh(start), "up\n") << nmtest::file_text("/tmp/wpas.log");
     wpa_ctrl *c = wpa_ctrl_open("/var/run/wpa_supplicant/wlan0");
     char reply[2048];
     size_t len = sizeof reply;
     ASSERT_EQ(wpa_ctrl_request(c, "ADD_NETWORK", 11, reply, &len, on_event), 0);
     EXPECT_EQ(std::string(reply, len) + std::to_string(wpa_ctrl_pending(c)), "0\n0") << "no event";
     ASSERT_EQ(wpa_ctrl_attach(c), 0);
-    qmtnm_sta_cfg home = sta(2, "it's \"q\" \\ $(id)", "it's a \"quoted\" \\pass");
+    auto home = record<qmtnm_sta_cfg>(
+        "sta", "enable=1|auth=2|ssid=it's \"q\" \\ $(id)|password=it's a \"quoted\" \\pass");
     ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_STA, &home, 0), 0);
-    EXPECT_NE(nmtest::file_text("/var/nm/wpa_supplicant.conf")
-                  .find("\tssid=\"it's \"q\" \\ $(id)\"\n\tscan_ssid=1\n\tpsk=\"it's a \"quoted\" "
-                        "\\pass\"\n"),
-              std::string::npos)
-        << nmtest::file_text("/var/nm/wpa_supplicant.conf");
+    EXPECT_PRED_FORMAT2(testing::IsSubstring,
+                        "\tssid=\"it's \"q\" \\ $(id)\"\n\tscan_ssid=1\n\tpsk=\"it's a \"quoted\" "
+                        "\\pass\"\n",
+                        nmtest::file_text("/var/nm/wpa_supplicant.conf"));
     ASSERT_EQ(wpa_ctrl_pending_timeout(c, 2), 1) << "wpa_cli removed network 0";
     ASSERT_EQ(wpa_ctrl_recv(c, reply, &(len = 8)), 0);
     EXPECT_EQ(std::string(reply, len), "<3>CTRL-") << "cut at the length given";
