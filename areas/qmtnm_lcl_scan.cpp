@@ -10,7 +10,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cerrno>
 #include <cstring>
+#include <sys/random.h>
 #include <ctime>
 #include <initializer_list>
 #include <unistd.h>
@@ -191,16 +193,27 @@ int32_t get_scan_result(lcl_instance *, void *arg1, uintptr_t arg2) {
 
 // ---- WPS PINs ----
 
-// Reseeded with the time on every call, so PINs made within one second are equal.
+// Seven digits from the kernel's random source, evenly spread (a draw in the uneven top of the
+// range is drawn again), and the check digit; -1 when the source fails.
 int creat_wps_pin() {
-    srand(static_cast<unsigned>(time(nullptr)));
-    return nm::wifi::wps_pin(rand() % 9999999 + 1);
+    constexpr uint32_t kBodies = 10000000, kEven = UINT32_MAX - UINT32_MAX % kBodies;
+    uint32_t r = kEven;
+    while (r >= kEven)
+        if (getrandom(&r, sizeof r, 0) != static_cast<ssize_t>(sizeof r) && errno != EINTR)
+            return -1;
+    return nm::wifi::wps_pin(static_cast<int>(r % kBodies));
 }
 
 int32_t store_pin(const char *func, const char *section, char *buf, const char *fail,
                   int32_t code) {
+    const int pin = creat_wps_pin();
+    if (pin < 0) {
+        const int32_t io = QMTNM_ERR(QMTNM_ERR_MODULE(code), QMTNM_R_IO);
+        nm::log(nm::LOG_GATE_ERR, func, "wps pin from the random source fail, errno=%d", io);
+        return io;
+    }
     char text[16]; // a PIN is 8 digits; the room is for the compiler's sake
-    snprintf(text, sizeof text, "%08d", creat_wps_pin());
+    snprintf(text, sizeof text, "%08d", pin);
     memcpy(buf, text, QMTNM_WPS_PIN_SIZE);
     if (nm::store_put_str(section, "wps_pin", buf) < 0) {
         nm::log(nm::LOG_GATE_ERR, func, fail, code);

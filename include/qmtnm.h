@@ -235,7 +235,8 @@ QMTNM_STATIC_ASSERT(offsetof(qmtnm_scan_entry, flags) == 60, "scan entry: flags 
 
 /* stapin_lcl, appin_lcl: a get makes a new WPS PIN (8 digits with the WPS check digit), stores
  * it as the station's or the soft AP's PIN and writes it as text into a buffer of at least
- * QMTNM_WPS_PIN_SIZE bytes. PINs made within one second are equal. */
+ * QMTNM_WPS_PIN_SIZE bytes. The seven digits come from the kernel's random source; when it fails
+ * the get returns the instance's QMTNM_R_IO code and stores nothing. */
 #define QMTNM_WPS_PIN_SIZE 9
 
 /* ap_lcl: the soft access point on wlan1 (hostapd). Switching it on or off is stored and takes

@@ -6,6 +6,7 @@
 #include "qmt_conf.h"
 #include "wpa_ctrl.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
 #include <regex>
@@ -221,14 +222,19 @@ TEST_F(Wifi, StationGetReadsTheStoreAndTheSupplicantsState) {
 TEST_F(Wifi, PinsCarryTheirCheckDigitAndAreStored) {
     for (auto [body, pin] : {std::pair{1, 17}, {10, 109}, {1234567, 12345670}, {9999999, 99999995}})
         EXPECT_EQ(nm::wifi::wps_pin(body), pin) << body;
-    for (const auto &[id, section] :
-         {std::pair{QMTNM_ID_STAPIN, "network_sta"}, std::pair{QMTNM_ID_APPIN, "network_softap"}}) {
-        char pin[QMTNM_WPS_PIN_SIZE] = {};
-        ASSERT_EQ(qmtnm_lcl_get(id, pin, 0), 0);
-        EXPECT_EQ(strspn(pin, "0123456789"), 8u) << pin;
-        EXPECT_EQ(nm::wifi::wps_pin(atoi(pin) / 10), atoi(pin)) << pin;
-        EXPECT_EQ(stored_str(section, "wps_pin"), pin);
-    }
+    strings made; // 40 PINs within a second, none equal to another
+    for (int i = 0; i < 20; ++i)
+        for (const auto &[id, section] : {std::pair{QMTNM_ID_STAPIN, "network_sta"},
+                                          std::pair{QMTNM_ID_APPIN, "network_softap"}}) {
+            char pin[QMTNM_WPS_PIN_SIZE] = {};
+            ASSERT_EQ(qmtnm_lcl_get(id, pin, 0), 0);
+            EXPECT_EQ(strspn(pin, "0123456789"), 8u) << pin;
+            EXPECT_EQ(nm::wifi::wps_pin(atoi(pin) / 10), atoi(pin)) << pin;
+            EXPECT_EQ(stored_str(section, "wps_pin"), pin);
+            made.push_back(pin);
+        }
+    std::sort(made.begin(), made.end());
+    EXPECT_EQ(std::unique(made.begin(), made.end()), made.end());
 }
 
 // A scan attaches, waits for the results event (not another one) and counts the lines behind the
@@ -320,6 +326,8 @@ TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
                     nmtest::logs().contains(
                         refused ? nmtest::logged("check_softap_info_grammar", r.refusal)
                                 : nmtest::logged("ap_activate_now", "function request reboot")));
+        for (const auto &l : nmtest::logs().lines()) // the soft AP's line has no line end
+            EXPECT_FALSE(l.newline && l.text.find("function request reboot") != l.text.npos);
         expect_stored("network_softap",
                       {"enable", "channel", "hw_mode", "auth", "wps_enable", "encry", "index"},
                       {refused ? 1 : c.enable, s.channel, s.hw_mode, s.auth, s.wps_enable,
