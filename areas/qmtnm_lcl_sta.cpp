@@ -181,7 +181,7 @@ int32_t sta_join(const sta_cfg *cfg) {
                     quoted(cfg->password).text);
         break;
     default:
-        NM_ERR("Invalid auth mode\n");
+        nm::log(nm::LOG_GATE_ERR, "set_sta", "Invalid auth mode\n"); // under the apply's name
         return kInvalid;
     }
     nm::run_cmd(kCmdCap, "%s select_network 0 &>/dev/null", kWpaCli);

@@ -54,6 +54,7 @@ void syslog_capture::drain(int wait_ms) {
         size_t body = l.text.find("]: ");
         if (body != std::string::npos)
             l.text.erase(0, body + 3);
+        l.newline = l.text.find('\n') != std::string::npos;
         while (!l.text.empty() && (l.text.back() == '\n' || l.text.back() == '\0'))
             l.text.pop_back();
         lines_.push_back(l);

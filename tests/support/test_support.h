@@ -15,8 +15,9 @@ namespace nmtest {
 
 // ---- syslog ----
 struct log_line {
-    int priority;     // facility | severity, as sent
-    std::string text; // the message after "libqmtnm[pid]: ", trailing newline removed
+    int priority;         // facility | severity, as sent
+    std::string text;     // the message after "libqmtnm[pid]: ", trailing newline removed
+    bool newline = false; // the message ended in a line end
 };
 
 // Binds /dev/log (the test runs in a private mount namespace with /dev an overlay) and keeps
