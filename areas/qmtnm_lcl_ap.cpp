@@ -150,10 +150,8 @@ int32_t ap_activate_now(lcl_instance *, void *arg1, uintptr_t, uint32_t *activat
             nm::read_stored<softap, get_ap_config>(__func__, kModule, kNochangeText, stored);
         r < 0)
         return r;
-    if (stored->enable != static_cast<const softap *>(arg1)->enable) {
-        *activate = 0; // this area's line has no line end, unlike the other areas'
-        nm::log(nm::LOG_GATE_INFO, __func__, "function request reboot");
-    }
+    if (stored->enable != static_cast<const softap *>(arg1)->enable) // no line end, unlike the rest
+        return nm::request_reboot(__func__, activate, "function request reboot");
     return 0;
 }
 

@@ -210,8 +210,10 @@ int32_t checked_apply(lcl_instance *inst, void *arg1, uintptr_t arg2) {
 
 // ---- the activate flag ----
 // The activate step of the areas whose changes wait for a reboot: clears the shared flag, if set,
-// for every process, and logs "function request reboot" under func. Always 0.
-int32_t request_reboot(const char *func, uint32_t *activate);
+// for every process, and logs line (by default "function request reboot" with its line end) under
+// func. Always 0.
+int32_t request_reboot(const char *func, uint32_t *activate,
+                       const char *line = "function request reboot\n");
 
 // ---- files ----
 // Creates or truncates path with text, readable and writable by its owner alone (0600, also when

@@ -140,11 +140,11 @@ bool shell_squote(const char *s, char *out, size_t cap) {
                   [](char c) -> const char * { return c == '\'' ? "'\\''" : nullptr; });
 }
 
-int32_t request_reboot(const char *func, uint32_t *activate) {
+int32_t request_reboot(const char *func, uint32_t *activate, const char *line) {
     if (*activate == 0)
         return 0;
     *activate = 0;
-    log(LOG_GATE_INFO, func, "function request reboot\n");
+    log(LOG_GATE_INFO, func, "%s", line);
     return 0;
 }
 

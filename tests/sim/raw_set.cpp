@@ -4,6 +4,7 @@
 // put any text into an IP filter address. The bytes past the record (or the MAC text) are 'Z',
 // so a library reading beyond a full field would carry them on. Run by test_hostile.py.
 #include "qmtnm.h"
+#include "tools/areas.h"
 
 #include <cstddef>
 #include <cstdio>
@@ -13,36 +14,29 @@
 
 namespace {
 
+// Where the field lies, from the tool's own table of the areas. The IP filter's addresses are its
+// first rule's; ethmac is set from a text of its own, not a record.
 struct text_field {
-    const char *area, *field;
     uint32_t id;
     size_t record_size, offset, size;
 };
 
-#define FIELD(area, id, rec, name, member)                                                         \
-    text_field {                                                                                   \
-        area, name, id, sizeof(rec), offsetof(rec, member), sizeof(rec::member)                    \
-    }
-
-const text_field kFields[] = {
-    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "ssid", ssid),
-    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "password", password),
-    FIELD("sta", QMTNM_ID_STA, qmtnm_sta_cfg, "wps_pin", wps_pin),
-    FIELD("ap", QMTNM_ID_AP, nm_softap, "ssid", ssid),
-    FIELD("ap", QMTNM_ID_AP, nm_softap, "password", password),
-    FIELD("ap", QMTNM_ID_AP, nm_softap, "wps_pin", wps_pin),
-    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "domain", domain),
-    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "username", username),
-    FIELD("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, "password", password),
-    FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, "username", username),
-    FIELD("pppoe", QMTNM_ID_PPPOE, qmtnm_pppoe_cfg, "password", password),
-    FIELD("upnp", QMTNM_ID_UPNP, qmtnm_upnp_cfg, "friendlyName", friendlyName),
-    FIELD("bonjour", QMTNM_ID_BONJOUR, qmtnm_bonjour_cfg, "hostname", hostname),
-    FIELD("ipfilter", QMTNM_ID_IPFILTER, qmtnm_ipfilter_cfg, "begin_ip", rules[0].begin_ip),
-    FIELD("ipfilter", QMTNM_ID_IPFILTER, qmtnm_ipfilter_cfg, "end_ip", rules[0].end_ip),
-    // The MAC address is set from a text of its own, not a record.
-    {"ethmac", "macaddr", QMTNM_ID_ETHMAC, 0, 0, QMTNM_MAC_TEXT_MAX + 1},
-};
+bool find(const char *area, const char *name, text_field *t) {
+    const cli::area *a = cli::find_area(area);
+    const cli::field *f = a ? cli::find_field(*a, name, strlen(name)) : nullptr;
+    const bool end = !strcmp(name, "end_ip");
+    if (a && a->id == QMTNM_ID_IPFILTER && (end || !strcmp(name, "begin_ip")))
+        *t = {a->id, a->record_size,
+              offsetof(qmtnm_ipfilter_cfg, rules) + (end ? offsetof(qmtnm_ipf_rule, end_ip) : 0),
+              sizeof(qmtnm_ipf_rule::begin_ip)};
+    else if (a && a->text_set && f)
+        *t = {a->id, 0, 0, QMTNM_MAC_TEXT_MAX + 1};
+    else if (f && (f->type == cli::ftype::str || f->type == cli::ftype::secret))
+        *t = {a->id, a->record_size, f->offset, f->size};
+    else
+        return false;
+    return true;
+}
 
 } // namespace
 
@@ -53,11 +47,9 @@ int main(int argc, char **argv) {
         if (sscanf(h, "%2x", &byte) == 1)
             text.push_back(static_cast<char>(byte));
     }
-    const text_field *f = nullptr;
-    for (const text_field &t : kFields)
-        if (argc == 4 && !strcmp(t.area, argv[1]) && !strcmp(t.field, argv[2]))
-            f = &t;
-    if (f == nullptr || text.size() > f->size || text.size() * 2 != strlen(argv[3])) {
+    text_field field{}, *f = &field;
+    if (argc != 4 || !find(argv[1], argv[2], f) || text.size() > f->size ||
+        text.size() * 2 != strlen(argv[3])) {
         fputs("usage: qmtnm-raw-set AREA FIELD HEX (of at most the field's size)\n", stderr);
         return 2;
     }
@@ -69,7 +61,7 @@ int main(int argc, char **argv) {
         return 1;
     }
     // A station PIN is used by a WPS set only, as `qmtnm set sta wps=pin` asks for one.
-    if (f->id == QMTNM_ID_STA && !strcmp(f->field, "wps_pin")) {
+    if (f->id == QMTNM_ID_STA && !strcmp(argv[2], "wps_pin")) {
         reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->use_wps = 1;
         reinterpret_cast<qmtnm_sta_cfg *>(rec.data())->push_button = 0;
     }
