@@ -1,6 +1,7 @@
 // Instance table, set/get dispatch under the per-area semaphores, the activate flag, and the
 // library's start-up and shut-down.
 #include "qmtnm.h"
+#include "qmtnm_try.h"
 
 #include "common/area.h"
 #include "common/nm_log.h"
@@ -197,6 +198,31 @@ int32_t getabstime(struct timespec *deadline, uint32_t timeout_ms) {
     return 0;
 }
 
+int32_t set_with_lock(lcl_instance *inst, void *arg1, uintptr_t arg2) {
+    int32_t r = take(inst->set_sem, inst->set_timeout_ms, "qmtnm_lcl_set");
+    if (r != 0)
+        return r;
+    r = set_locked(inst, arg1, arg2);
+    sem_post(inst->set_sem);
+    return r;
+}
+
+int32_t restore_record(lcl_instance *inst, void *record) {
+    int32_t r = take(inst->set_sem, inst->set_timeout_ms, "qmtnm_try_rollback");
+    if (r != 0)
+        return r;
+    if (inst->activate_now)
+        r = inst->activate_now(inst, record, 0, activate);
+    if (r >= 0 && *activate == 0)
+        nm::log(nm::LOG_GATE_INFO, "qmtnm_try_rollback", "need reboot to activate action");
+    else if (r >= 0)
+        for (lcl_op_fn op : {inst->pre_set, inst->set})
+            if (op != nullptr && r >= 0)
+                r = op(inst, record, 0);
+    sem_post(inst->set_sem);
+    return r;
+}
+
 } // namespace nm
 
 extern "C" {
@@ -214,12 +240,7 @@ int32_t qmtnm_lcl_set(uint32_t id, void *arg1, uintptr_t arg2) {
         if (r < 0)
             return r;
     }
-    int32_t r = take(inst->set_sem, inst->set_timeout_ms, __func__);
-    if (r != 0)
-        return r;
-    r = set_locked(inst, arg1, arg2);
-    sem_post(inst->set_sem);
-    return r;
+    return nm::pending_set(id, inst, arg1, arg2);
 }
 
 int32_t qmtnm_lcl_get(uint32_t id, void *arg1, uintptr_t arg2) {
@@ -238,7 +259,7 @@ int32_t qmtnm_lcl_apply_stored(uint32_t id) {
     size_t count = 0;
     const nm::stored_apply *order = nm::boot_order(&count);
     if (id == QMTNM_APPLY_ALL) {
-        int32_t first = 0;
+        int32_t first = qmtnm_try_recover();
         for (size_t i = 0; i < count; ++i)
             if (int32_t r = apply_stored(order[i]); r < 0 && first == 0)
                 first = r;

@@ -27,4 +27,13 @@ const stored_apply *boot_order(size_t *count);
 // set lock.
 int32_t apply_stored_locked(const stored_apply &a);
 
+// A set's steps under the area's set lock (compare, activate, apply, persist), the record
+// already checked.
+int32_t set_with_lock(lcl_instance *inst, void *arg1, uintptr_t arg2);
+// A checked set of an area, as part of the pending change when one is open (core/pending.cpp).
+int32_t pending_set(uint32_t id, lcl_instance *inst, void *arg1, uintptr_t arg2);
+// Applies a restored record as a set applies it (its activate step, then its apply unless the
+// activate flag is clear), under the area's set lock; the record is already in the store.
+int32_t restore_record(lcl_instance *inst, void *record);
+
 } // namespace nm

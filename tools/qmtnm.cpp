@@ -14,9 +14,13 @@
 //   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
 //   qmtnm locks               every area's set and get lock, free or taken
 //   qmtnm unlock AREA [set|get]   release a lock left taken by a caller that died holding it
+//   qmtnm try [--timeout S] set AREA f=v ... [-- set ...]   a change that rolls back unless
+//   qmtnm confirm | rollback | pending [--json]              confirmed (see pending.cpp)
 #include "areas.h"
+#include "pending.h"
 
 #include "qmtnm.h"
+#include "qmtnm_try.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -60,6 +64,8 @@ int usage() {
           "       qmtnm [--host] hosts\n"
           "       qmtnm locks\n"
           "       qmtnm unlock AREA [set|get]\n"
+          "       qmtnm [options] try [--timeout S] set AREA field=value ... [-- set ...]\n"
+          "       qmtnm [options] confirm | rollback | pending\n"
           "options:\n"
           "  --json          print settings as JSON\n"
           "  -v, --verbose   echo the library's log lines to stderr\n"
@@ -77,7 +83,11 @@ int usage() {
           "'set ipfilter' takes mode=white or mode=black and its ranges as rule=BEGIN-END, one\n"
           "word a range; the ranges given replace the stored ones (index=0 removes them all).\n"
           "'locks' shows each area's set and get lock; 'unlock' releases one (default: set)\n"
-          "that a caller killed inside a set or get left taken.\n",
+          "that a caller killed inside a set or get left taken.\n"
+          "'try' runs its sets as one change that is rolled back after S seconds (default 60,\n"
+          "at most 86400), or at the next start, unless 'confirm' keeps it; 'rollback' undoes it\n"
+          "now; 'pending' shows what a rollback would undo. A failed set of a try rolls back\n"
+          "the sets before it; the exit status is then 10 + its position.\n",
           stderr);
     return 2;
 }
@@ -311,6 +321,12 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     return cmd_get(stored ? *stored : a, opt);
 }
 
+// One set of a try: argv[0] is the area.
+int run_set(void *context, int argc, char **argv) {
+    const area *a = cli::find_area(argv[0]);
+    return a ? cmd_set(*a, argc - 1, argv + 1, *static_cast<options *>(context)) : 2;
+}
+
 // The library applies each area's stored settings, checked, in the start-up order (or one area's
 // alone); one area's failure is reported and the others still run.
 int cmd_boot(const area *only, const options &opt) {
@@ -328,6 +344,14 @@ int cmd_boot(const area *only, const options &opt) {
         count = 1;
     }
     int status = 0;
+    // A change left pending when the device went down is undone before the stored settings
+    // are applied.
+    qmtnm_try_info pending{};
+    if (only == nullptr && qmtnm_try_state(&pending) == 0 && pending.phase == QMTNM_TRY_PENDING) {
+        int32_t r = qmtnm_try_recover();
+        printf("pending change: %s\n", r < 0 ? "rollback failed" : "rolled back");
+        status = r < 0 ? 1 : 0;
+    }
     for (uint32_t i = 0; i < count && i < QMTNM_ID_COUNT; ++i) {
         const char *name = cli::area_name_by_id(ids[i]);
         int32_t r = qmtnm_lcl_apply_stored(ids[i]);
@@ -579,6 +603,13 @@ int main(int argc, char **argv) {
         if (opt.verbose)
             openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
         return cmd_boot(a, opt);
+    }
+    if (cli::is_pending_command(cmd)) {
+        if (opt.verbose)
+            openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
+        if (strcmp(cmd, "pending") != 0 && !may_change_machine(opt))
+            return 1;
+        return cli::pending_command(cmd, argc - i, argv + i, opt.json, run_set, &opt);
     }
     if (!strcmp(cmd, "iface") && i + 1 == argc)
         return cmd_iface(argv[i]);
