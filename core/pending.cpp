@@ -21,8 +21,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <string>
-#include <string_view>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
@@ -158,39 +156,46 @@ uint32_t touched_areas() {
     return mask;
 }
 
-// The store's text form of every value below prefix, one "path = value" line each.
-std::string dump(const std::string &prefix) {
-    char *text = nullptr;
+// A text built in memory (open_memstream), freed with its owner.
+struct text {
+    char *data = nullptr;
     size_t len = 0;
-    std::string out;
-    if (FILE *f = open_memstream(&text, &len)) {
-        bool ok = sysconf_dump(f, prefix.c_str()) == 0;
-        fclose(f);
-        if (ok && text)
-            out.assign(text, len);
+    FILE *f = open_memstream(&data, &len);
+    ~text() {
+        if (f)
+            fclose(f);
+        free(data);
     }
-    free(text);
-    return out;
+    // Ends the writing; the text, or null when memory ran out.
+    const char *done() {
+        if (f && fclose(f) != 0)
+            len = 0;
+        f = nullptr;
+        return data;
+    }
+};
+
+// Writes to out the store's text form of every value below prefix, "path = value" a line, with
+// from at the start of each path replaced by to.
+bool dump(FILE *out, const char *prefix, const char *from, const char *to) {
+    text lines;
+    if (lines.f == nullptr || sysconf_dump(lines.f, prefix) != 0 || lines.done() == nullptr)
+        return false;
+    size_t skip = strlen(from);
+    for (char *line = lines.data; line && *line;) {
+        char *end = strchr(line, '\n');
+        end = end ? end + 1 : line + strlen(line);
+        if (strncmp(line, from, skip) == 0)
+            fprintf(out, "%s%.*s", to, static_cast<int>(end - line - skip), line + skip);
+        line = end;
+    }
+    return true;
 }
 
-// Lines of the text form with each path's leading from replaced by to.
-std::string move_paths(const std::string &lines, std::string_view from, std::string_view to) {
-    std::string out;
-    for (size_t at = 0; at < lines.size();) {
-        size_t end = lines.find('\n', at);
-        end = end == std::string::npos ? lines.size() : end + 1;
-        std::string_view line(lines.data() + at, end - at);
-        if (line.substr(0, from.size()) == from) {
-            out.append(to);
-            out.append(line.substr(from.size()));
-        }
-        at = end;
-    }
-    return out;
-}
-
-int load(const std::string &lines) {
-    FILE *f = fmemopen(const_cast<char *>(lines.data()), lines.size(), "r");
+int load(text &lines) {
+    if (lines.done() == nullptr)
+        return -1;
+    FILE *f = fmemopen(lines.data, lines.len, "r");
     if (f == nullptr)
         return -1;
     int r = sysconf_load(f, 0);
@@ -198,22 +203,25 @@ int load(const std::string &lines) {
     return r;
 }
 
-constexpr std::string_view kLive = "network/";
-constexpr std::string_view kKeep = "network/network_pending/change/keep/";
+constexpr const char *kLive = "network/";
+constexpr const char *kKeep = "network/network_pending/change/keep/";
 
 // Keeps what the area's set may change (each of its sections not kept yet) and marks the area
 // touched: one transaction.
 int32_t keep(const kept_area &k, const char *func) {
-    std::string lines;
+    text lines;
+    bool ok = lines.f != nullptr;
     for (const char *section : k.sections) {
-        if (section == nullptr || get_flag("sections", section) >= 0)
+        if (!ok || section == nullptr || get_flag("sections", section) >= 0)
             continue;
-        std::string prefix = std::string(kLive) + section + "/";
-        lines += move_paths(dump(prefix), kLive, kKeep);
-        lines += std::string("network/network_pending/change/sections/") + section + " = 1\n";
+        char prefix[64];
+        snprintf(prefix, sizeof prefix, "%s%s/", kLive, section);
+        ok = dump(lines.f, prefix, kLive, kKeep);
+        fprintf(lines.f, "network/network_pending/change/sections/%s = 1\n", section);
     }
-    lines += std::string("network/network_pending/change/areas/") + k.inst->name + " = 1\n";
-    if (load(lines) < 0) {
+    if (ok)
+        fprintf(lines.f, "network/network_pending/change/areas/%s = 1\n", k.inst->name);
+    if (!ok || load(lines) < 0) {
         log(LOG_GATE_ERR, func, "keeping %s settings for the pending change fail, errno = %d\n",
             k.inst->name, code(QMTNM_R_STORE));
         return code(QMTNM_R_STORE);
@@ -223,18 +231,28 @@ int32_t keep(const kept_area &k, const char *func) {
 
 // Puts a kept section back as it was: values the change added go, the kept ones return.
 int32_t restore_section(const char *section) {
-    std::string live = std::string(kLive) + section + "/";
-    std::string kept = move_paths(dump(std::string(kKeep) + section + "/"), kKeep, kLive);
-    std::string now = dump(live);
-    for (size_t at = 0; at < now.size();) {
-        size_t end = now.find('\n', at);
-        end = end == std::string::npos ? now.size() : end + 1;
-        std::string path = now.substr(at, now.find(" = ", at) - at);
-        if (kept.find(path + " = ") == std::string::npos && sysconf_del_path(path.c_str()) < 0)
+    char live[64], kept_prefix[128];
+    snprintf(live, sizeof live, "%s%s/", kLive, section);
+    snprintf(kept_prefix, sizeof kept_prefix, "%s%s/", kKeep, section);
+    text kept, now;
+    if (!kept.f || !now.f || !dump(kept.f, kept_prefix, kKeep, kLive) ||
+        !dump(now.f, live, "", "") || !kept.done() || !now.done())
+        return code(QMTNM_R_STORE);
+    for (char *line = now.data; *line;) {
+        char *end = strchr(line, '\n');
+        char *eq = strstr(line, " = ");
+        if (end == nullptr || eq == nullptr || eq > end)
+            break;
+        *eq = '\0';
+        // Each kept line starts a line of kept's text: "\n" + path + " = " finds it.
+        char pattern[256];
+        snprintf(pattern, sizeof pattern, "\n%s = ", line);
+        bool first = strncmp(kept.data, pattern + 1, strlen(pattern + 1)) == 0;
+        if (!first && strstr(kept.data, pattern) == nullptr && sysconf_del_path(line) < 0)
             return code(QMTNM_R_STORE);
-        at = end;
+        line = end + 1;
     }
-    return kept.empty() || load(kept) >= 0 ? 0 : code(QMTNM_R_STORE);
+    return kept.len == 0 || load(kept) >= 0 ? 0 : code(QMTNM_R_STORE);
 }
 
 // Ends the pending change; after a rollback, notes when and what.

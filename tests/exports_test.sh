@@ -4,6 +4,7 @@ set -euo pipefail
 lib=$1
 documented="
 qmtnm_lcl_set qmtnm_lcl_get get_lcl_instance nm_log_level qmtnm_lcl_apply_stored qmtnm_lcl_boot_order
+qmtnm_try_begin qmtnm_try_confirm qmtnm_try_rollback qmtnm_try_recover qmtnm_try_state
 br_lcl ethtype_lcl ethmac_lcl wan_lcl lan_lcl ddns_lcl pppoe_lcl upnp_lcl bonjour_lcl
 ipfilter_lcl qos_lcl wanflash_lcl doscan_lcl scanresult_lcl sta_lcl ap_lcl stapin_lcl appin_lcl
 write_conf_file nm_get_inaddr update_hosts_file save_hw_conf
