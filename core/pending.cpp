@@ -36,6 +36,7 @@ constexpr const char *kSection = "network_pending";
 constexpr const char *kLockPath = "/var/run/qmtnm-pending.lock";
 constexpr uint32_t kLockWaitMs = 2000;      // a caller's wait for the lock
 constexpr uint32_t kRollbackWaitMs = 60000; // the deadline's wait: a long set may hold it
+constexpr time_t kWatchdogLook = 5;         // seconds between the watchdog's looks
 
 constexpr int32_t code(int32_t reason) {
     return err(QMTNM_MODULE_TRY, reason);
@@ -314,12 +315,17 @@ int32_t roll_back(const char *func, bool live, const char *why) {
     if (chdir("/") != 0) {
         // nothing depends on the directory
     }
-    timespec at{deadline, 0};
-    while (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+    // Looks every few seconds whether its change is still pending, and ends when it is not.
+    int32_t now_id = id;
+    for (time_t now = time(nullptr); now < deadline && now_id == id; now = time(nullptr)) {
+        timespec at{now + kWatchdogLook < deadline ? now + kWatchdogLook : deadline, 0};
+        while (clock_nanosleep(CLOCK_REALTIME, TIMER_ABSTIME, &at, nullptr) == EINTR) {
+        }
+        if (!pending_id(&now_id))
+            _exit(0);
     }
     for (;;) {
         pending_lock lock(kRollbackWaitMs);
-        int32_t now_id = 0;
         if (lock.held()) {
             if (pending_id(&now_id) && now_id == id)
                 roll_back("qmtnm_try_watchdog", true, "not confirmed by its deadline");

@@ -4,15 +4,19 @@
 // kernel; these rows pin what only the bytes show.
 #include "support/test_support.h"
 
+#include "qmt_conf.h"
 #include "qmtnm.h"
+#include "qmtnm_try.h"
 #include "tools/areas.h"
 
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 using nmtest::file_text;
@@ -240,3 +244,126 @@ TEST_F(Areas, WanGetReadsThePortLive) {
 }
 
 } // namespace
+
+// ---- a change that rolls back unless confirmed ----
+
+// The network domain in the store's text form, the pending change's own section aside.
+std::string settings() {
+    char *text = nullptr;
+    size_t len = 0;
+    FILE *f = open_memstream(&text, &len);
+    sysconf_dump(f, "network/");
+    fclose(f);
+    std::string all(text, len), out;
+    free(text);
+    for (size_t at = 0, end; at < all.size(); at = end + 1) {
+        end = all.find('\n', at);
+        if (all.compare(at, 24, "network/network_pending/") != 0)
+            out += all.substr(at, end - at + 1);
+    }
+    return out;
+}
+
+int32_t set_area(const char *area, const std::string &words) {
+    return qmtnm_lcl_set(cli::find_area(area)->id, nmtest::record(area, words).data(), 0);
+}
+
+constexpr int32_t kTry(int32_t reason) {
+    return QMTNM_ERR(QMTNM_MODULE_TRY, reason);
+}
+
+qmtnm_try_info state() {
+    qmtnm_try_info info{};
+    EXPECT_EQ(qmtnm_try_state(&info), 0);
+    return info;
+}
+
+constexpr uint32_t bits(std::initializer_list<uint32_t> ids) {
+    uint32_t m = 0;
+    for (uint32_t id : ids)
+        m |= 1u << id;
+    return m;
+}
+
+// Each area's first stored record wins; a rollback stores every touched section back byte for
+// byte (values the change added go) and applies each area as its start-up apply does.
+TEST_F(Areas, RollbackRestoresTheStoreAndReappliesInStartUpOrder) {
+    const std::string before = settings();
+    EXPECT_EQ(qmtnm_try_begin(0), kTry(QMTNM_R_INVALID));
+    EXPECT_EQ(qmtnm_try_begin(QMTNM_TRY_MAX_SECONDS + 1), kTry(QMTNM_R_INVALID));
+    ASSERT_EQ(qmtnm_try_begin(600), 0);
+    EXPECT_EQ(qmtnm_try_begin(600), kTry(QMTNM_R_BUSY));
+    EXPECT_EQ(
+        set_area("ipfilter", "enable=1|mode=white|rule=10.0.0.1-10.0.0.2|rule=10.0.0.5-10.0.0.6"),
+        0);
+    EXPECT_EQ(set_area("qos", "enable=1|dscp=46"), 0);
+    EXPECT_EQ(set_area("qos", "dscp=10"), 0);
+    EXPECT_EQ(set_area("lan", "ipaddr=192.168.7.1|begin=192.168.7.50|end=192.168.7.60"), 0);
+    qmtnm_try_info info = state();
+    EXPECT_EQ(info.phase, QMTNM_TRY_PENDING);
+    EXPECT_EQ(info.areas, bits({QMTNM_ID_QOS, QMTNM_ID_LAN, QMTNM_ID_IPFILTER}));
+    EXPECT_GE(info.seconds_left, 599u);
+    nmtest::clear_commands();
+    EXPECT_EQ(qmtnm_try_rollback(), 0);
+    EXPECT_EQ(settings(), before);
+    const std::string rollback = joined(nmtest::commands());
+    nmtest::clear_commands();
+    for (uint32_t id : {QMTNM_ID_QOS, QMTNM_ID_LAN, QMTNM_ID_IPFILTER})
+        qmtnm_lcl_apply_stored(id);
+    EXPECT_EQ(rollback, joined(nmtest::commands()));
+    check("log=qmtnm_try_rollback: pending change rolled back (asked for), restored: qos_lcl "
+          "lan_lcl ipfilter_lcl");
+    info = state();
+    EXPECT_EQ(info.phase, QMTNM_TRY_ROLLED_BACK);
+    EXPECT_EQ(info.areas, bits({QMTNM_ID_QOS, QMTNM_ID_LAN, QMTNM_ID_IPFILTER}));
+    EXPECT_EQ(qmtnm_try_rollback(), kTry(QMTNM_R_FAIL));
+}
+
+// A confirm keeps the change; one at the deadline rolls back; at start-up a pending change
+// goes back into the store only (an Ethernet type change with PPPoE and DDNS it switched off).
+TEST_F(Areas, ConfirmExpiryAndStartUp) {
+    const std::string before = settings();
+    ASSERT_EQ(qmtnm_try_begin(600), 0);
+    EXPECT_EQ(set_area("qos", "enable=1|dscp=46"), 0);
+    EXPECT_EQ(qmtnm_try_confirm(), 0);
+    EXPECT_EQ(state().phase, QMTNM_TRY_NONE);
+    EXPECT_EQ(qmtnm_try_confirm(), kTry(QMTNM_R_FAIL));
+    EXPECT_EQ(nmtest::stored("network/network_qos/dscp"), "46");
+
+    const std::string kept = settings();
+    ASSERT_EQ(qmtnm_try_begin(600), 0);
+    EXPECT_EQ(set_area("qos", "enable=0"), 0);
+    nmtest::store("network/network_pending/change/deadline", "1");
+    EXPECT_EQ(qmtnm_try_confirm(), kTry(QMTNM_TRY_R_EXPIRED));
+    EXPECT_EQ(settings(), kept);
+
+    nmtest::store("network/network_pppoe/enable", "1");
+    const std::string booted = settings();
+    ASSERT_EQ(qmtnm_try_begin(600), 0);
+    EXPECT_EQ(set_area("ethtype", "type=1"), 0);
+    EXPECT_EQ(nmtest::stored("network/network_pppoe/enable"), "0");
+    EXPECT_EQ(set_area("pppoe", "enable=1|username=u|password=p"), 0); // kept before: not again
+    nmtest::clear_commands();
+    nmtest::set_activate_flag(1); // as after a power-on
+    EXPECT_EQ(qmtnm_try_recover(), 0);
+    EXPECT_EQ(settings(), booted);
+    EXPECT_EQ(nmtest::commands(), strings{});
+    check("flag=1");
+    check("log=qmtnm_try_recover: pending change rolled back (found unconfirmed at start-up), "
+          "restored: ethtype_lcl pppoe_lcl");
+    EXPECT_NE(before, booted);
+}
+
+// Nobody confirms: the watchdog, a process of its own, rolls back at the deadline.
+TEST_F(Areas, WatchdogRollsBackAtTheDeadline) {
+    const std::string before = settings();
+    ASSERT_EQ(qmtnm_try_begin(1), 0);
+    EXPECT_EQ(set_area("qos", "enable=1|dscp=46"), 0);
+    for (int64_t end = nmtest::now_ms() + 5000;
+         state().phase == QMTNM_TRY_PENDING && nmtest::now_ms() < end;)
+        usleep(50000);
+    EXPECT_EQ(state().phase, QMTNM_TRY_ROLLED_BACK);
+    EXPECT_EQ(settings(), before);
+    check("log=qmtnm_try_watchdog: pending change rolled back (not confirmed by its deadline), "
+          "restored: qos_lcl");
+}
