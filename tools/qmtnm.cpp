@@ -9,7 +9,7 @@
 //                                      checked, as at start-up
 //   qmtnm [--json] [--host] scan      scan on wlan0 and list the networks found
 //   qmtnm [--json] [--host] pin sta|ap   make, store and print a new WPS PIN
-//   qmtnm areas
+//   qmtnm areas [--complete]   the areas and their fields (--complete: for the shell completion)
 //   qmtnm iface IFNAME        address, netmask and hardware address as the library reads them
 //   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
 //   qmtnm locks               every area's set and get lock, free or taken
@@ -30,7 +30,10 @@
 #include <vector>
 #include <semaphore.h>
 #include <string>
+#include <string_view>
+#include <sys/mman.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -47,7 +50,12 @@ struct options {
     bool secrets = false;
 };
 
-int usage() {
+// The commands and options, as the shell completion offers them.
+constexpr const char *kCommands = "get set boot scan pin areas iface hosts locks unlock";
+constexpr const char *kOptions = "--json -v --verbose --log-level --host --secrets --help";
+
+// Usage on stderr (status 2), or for --help on stdout (status 0).
+int usage(FILE *out = stderr) {
     fputs("usage: qmtnm [options] get AREA\n"
           "       qmtnm [options] set AREA field=value ...\n"
           "       qmtnm [options] set ethmac XX:XX:XX:XX:XX:XX\n"
@@ -55,7 +63,7 @@ int usage() {
           "       qmtnm [options] scan\n"
           "       qmtnm [options] pin sta|ap\n"
           "       qmtnm [options] boot [AREA]\n"
-          "       qmtnm areas\n"
+          "       qmtnm areas [--complete]\n"
           "       qmtnm iface IFNAME\n"
           "       qmtnm [--host] hosts\n"
           "       qmtnm locks\n"
@@ -67,6 +75,7 @@ int usage() {
           "  --host          allow 'set' and 'boot' to change this machine (outside the emulated\n"
           "                  device)\n"
           "  --secrets       show passwords instead of masking them\n"
+          "  -h, --help      print this help\n"
           "AREA is a short name (qos) or an instance name (qos_lcl). 'set' starts from the\n"
           "stored settings and changes the fields given. 'boot' applies the stored settings of\n"
           "every area (or of AREA) once, as the device does when it starts; stored settings\n"
@@ -77,9 +86,10 @@ int usage() {
           "'set ipfilter' takes mode=white or mode=black and its ranges as rule=BEGIN-END, one\n"
           "word a range; the ranges given replace the stored ones (index=0 removes them all).\n"
           "'locks' shows each area's set and get lock; 'unlock' releases one (default: set)\n"
-          "that a caller killed inside a set or get left taken.\n",
-          stderr);
-    return 2;
+          "that a caller killed inside a set or get left taken. 'areas --complete' lists the\n"
+          "commands, areas, fields and fixed words for the shell completion.\n",
+          out);
+    return out == stdout ? 0 : 2;
 }
 
 const char *reason_text(int32_t reason) {
@@ -103,14 +113,84 @@ const char *reason_text(int32_t reason) {
     }
 }
 
-int report(const char *who, int32_t code) {
+// ---- a refused set names its reason ----
+// The library logs why it refuses a record (its check's line, at error level) to syslog. For the
+// duration of a set, syslog also copies each line to standard error (LOG_PERROR), which then
+// points at a memory file: a refusal's report ends with the text of the library's last line.
+// Whatever else reached standard error meanwhile (a command the library ran) is passed on after
+// the call. With -v the lines go to standard error as they come, and nothing is captured.
+class log_capture {
+  public:
+    explicit log_capture(bool on) {
+        fflush(stderr);
+        if (!on || (fd_ = memfd_create("qmtnm-log", MFD_CLOEXEC)) < 0)
+            return;
+        saved_ = dup(STDERR_FILENO);
+        if (saved_ < 0 || dup2(fd_, STDERR_FILENO) < 0) {
+            stop();
+            return;
+        }
+        openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
+    }
+    log_capture(const log_capture &) = delete;
+    log_capture &operator=(const log_capture &) = delete;
+    ~log_capture() { stop(); }
+
+    // Ends the capture: passes on the lines that are not the library's and keeps the text of its
+    // last one (after the function name's "--> ").
+    void stop() {
+        if (saved_ >= 0) {
+            fflush(stderr);
+            openlog("libqmtnm", LOG_CONS | LOG_PID, LOG_LOCAL2); // as the library opens it
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+            saved_ = -1;
+            sort_lines();
+        }
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = -1;
+    }
+    const std::string &reason() const { return reason_; }
+
+  private:
+    void sort_lines() {
+        std::string text;
+        char buf[4096];
+        ssize_t n;
+        for (off_t at = 0; (n = pread(fd_, buf, sizeof buf, at)) > 0; at += n)
+            text.append(buf, static_cast<size_t>(n));
+        char own[32];
+        int own_len = snprintf(own, sizeof own, "libqmtnm[%d]: ", static_cast<int>(getpid()));
+        for (size_t at = 0, end; at < text.size(); at = end + 1) {
+            end = std::min(text.find('\n', at), text.size());
+            std::string_view line(text.data() + at, end - at);
+            size_t arrow = line.find("--> ");
+            if (line.substr(0, static_cast<size_t>(own_len)) != own || arrow == line.npos) {
+                fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+                continue;
+            }
+            line.remove_prefix(arrow + 4);
+            while (!line.empty() && (line.back() == ' ' || line.back() == '\r'))
+                line.remove_suffix(1);
+            if (!line.empty())
+                reason_.assign(line);
+        }
+    }
+    int fd_ = -1;
+    int saved_ = -1;
+    std::string reason_;
+};
+
+int report(const char *who, int32_t code, const std::string &reason = {}) {
     // A live reading of an interface passes the system's -errno on.
     if ((static_cast<uint32_t>(code) & 0xFF000000u) != 0xFD000000u) {
         fprintf(stderr, "%s: %s (%d)\n", who, strerror(-code), code);
         return 1;
     }
-    fprintf(stderr, "%s: %s (0x%08X)\n", who, reason_text(QMTNM_ERR_REASON(code)),
-            static_cast<unsigned>(code));
+    bool why = QMTNM_ERR_REASON(code) == QMTNM_R_INVALID && !reason.empty();
+    fprintf(stderr, "%s: %s (0x%08X)%s%s\n", who, reason_text(QMTNM_ERR_REASON(code)),
+            static_cast<unsigned>(code), why ? ": " : "", why ? reason.c_str() : "");
     return 1;
 }
 
@@ -267,8 +347,10 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
             fprintf(stderr, "qmtnm: %s takes one value\n", a.name);
             return 2;
         }
+        log_capture log(!opt.verbose);
         int32_t r = qmtnm_lcl_set(a.id, argv[0], 0);
-        return r < 0 ? report(a.name, r) : cmd_get(a, opt);
+        log.stop();
+        return r < 0 ? report(a.name, r, log.reason()) : cmd_get(a, opt);
     }
     record_ptr rec = new_record(a);
     int32_t r = get_record(a.stored_id, a, rec.get());
@@ -303,9 +385,11 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     }
     if (need_all && given < a.field_count)
         return 1;
+    log_capture log(!opt.verbose);
     r = qmtnm_lcl_set(a.id, rec.get(), 0);
+    log.stop();
     if (r < 0)
-        return report(a.name, r);
+        return report(a.name, r, log.reason());
     // What is stored now (for wan: wanflash; its live port may still be on its way up).
     const area *stored = cli::find_area(cli::area_name_by_id(a.stored_id));
     return cmd_get(stored ? *stored : a, opt);
@@ -434,7 +518,35 @@ int cmd_pin(const char *who, const options &opt) {
     return 0;
 }
 
-int cmd_areas() {
+// With complete, one kind of word a line, for the shell completion:
+//   command WORD...                       the commands
+//   option WORD...                        the options
+//   arg COMMAND WORD...                   a command's fixed words (pin sta|ap, unlock AREA set|get)
+//   area NAME INSTANCE get|set FIELD...   an area (set: it can be set) and its record's fields
+//   set NAME WORD...                      what a set of the area takes: field=, field=value
+int cmd_areas(bool complete) {
+    if (complete) {
+        printf("command %s\noption %s\narg pin sta ap\narg unlock set get\n", kCommands, kOptions);
+        for (const area *a = cli::areas_begin(); a != cli::areas_end(); ++a) {
+            printf("area %s %s %s", a->name, a->instance, a->settable ? "set" : "get");
+            for (size_t i = 0; i < a->field_count; ++i)
+                printf(" %s", a->fields[i].name);
+            if (!a->settable || a->text_set) {
+                putchar('\n');
+                continue;
+            }
+            printf("\nset %s", a->name);
+            for (size_t i = 0; i < a->field_count; ++i) {
+                const char *f = a->fields[i].name;
+                if (a->fields[i].type == ftype::list)
+                    printf(" %s=white %s=black", f, f);
+                else if (a->fields[i].type != ftype::ranges)
+                    printf(" %s=", f);
+            }
+            printf("%s%s\n", a->words ? " " : "", a->words ? a->words : "");
+        }
+        return 0;
+    }
     for (const area *a = cli::areas_begin(); a != cli::areas_end(); ++a) {
         printf("%-10s %-14s id %2u%s:", a->name, a->instance, a->id, a->settable ? "" : " (get)");
         for (size_t i = 0; i < a->field_count; ++i)
@@ -549,6 +661,8 @@ int main(int argc, char **argv) {
     options opt;
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
+        if (!strcmp(argv[i], "-h") || !strcmp(argv[i], "--help"))
+            return usage(stdout);
         if (take_flag(opt, argv[i]))
             continue;
         if (!strcmp(argv[i], "--log-level") && i + 1 < argc)
@@ -560,7 +674,7 @@ int main(int argc, char **argv) {
         return usage();
     const char *cmd = argv[i++];
     if (!strcmp(cmd, "areas"))
-        return cmd_areas();
+        return cmd_areas(i < argc && !strcmp(argv[i], "--complete"));
     if (!strcmp(cmd, "hosts") && i == argc)
         return cmd_hosts(opt);
     if (!strcmp(cmd, "locks") || !strcmp(cmd, "unlock")) {
