@@ -20,6 +20,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -116,9 +117,11 @@ const char *reason_text(int32_t reason) {
 // ---- a refused set names its reason ----
 // The library logs why it refuses a record (its check's line, at error level) to syslog. For the
 // duration of a set, syslog also copies each line to standard error (LOG_PERROR), which then
-// points at a memory file: a refusal's report ends with the text of the library's last line.
-// Whatever else reached standard error meanwhile (a command the library ran) is passed on after
-// the call. With -v the lines go to standard error as they come, and nothing is captured.
+// points at a memory file. A refused record's check runs before any command, so after a
+// refusal all that was captured is the library's: the report ends with the text of its last
+// message, control characters escaped (a caller's value may hold a line break). Otherwise what
+// is not the library's (a command it ran) is passed on after the call. With -v the lines go to
+// standard error as they come, and nothing is captured.
 class log_capture {
   public:
     explicit log_capture(bool on) {
@@ -127,25 +130,24 @@ class log_capture {
             return;
         saved_ = dup(STDERR_FILENO);
         if (saved_ < 0 || dup2(fd_, STDERR_FILENO) < 0) {
-            stop();
+            stop(false);
             return;
         }
         openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
     }
     log_capture(const log_capture &) = delete;
     log_capture &operator=(const log_capture &) = delete;
-    ~log_capture() { stop(); }
+    ~log_capture() { stop(false); }
 
-    // Ends the capture: passes on the lines that are not the library's and keeps the text of its
-    // last one (after the function name's "--> ").
-    void stop() {
+    // Ends the capture, after a refusal keeping the library's last message as the reason.
+    void stop(bool refused) {
         if (saved_ >= 0) {
             fflush(stderr);
             openlog("libqmtnm", LOG_CONS | LOG_PID, LOG_LOCAL2); // as the library opens it
             dup2(saved_, STDERR_FILENO);
             close(saved_);
             saved_ = -1;
-            sort_lines();
+            take_lines(refused);
         }
         if (fd_ >= 0)
             close(fd_);
@@ -154,27 +156,35 @@ class log_capture {
     const std::string &reason() const { return reason_; }
 
   private:
-    void sort_lines() {
-        std::string text;
+    void take_lines(bool refused) {
+        std::string text, last;
         char buf[4096];
         ssize_t n;
         for (off_t at = 0; (n = pread(fd_, buf, sizeof buf, at)) > 0; at += n)
             text.append(buf, static_cast<size_t>(n));
         char own[32];
-        int own_len = snprintf(own, sizeof own, "libqmtnm[%d]: ", static_cast<int>(getpid()));
+        snprintf(own, sizeof own, "libqmtnm[%d]: ", static_cast<int>(getpid()));
+        bool in_message = false;
         for (size_t at = 0, end; at < text.size(); at = end + 1) {
             end = std::min(text.find('\n', at), text.size());
             std::string_view line(text.data() + at, end - at);
-            size_t arrow = line.find("--> ");
-            if (line.substr(0, static_cast<size_t>(own_len)) != own || arrow == line.npos) {
+            if (line.substr(0, strlen(own)) == own) { // a message: "function    --> text"
+                size_t arrow = line.find("--> ");
+                line.remove_prefix(arrow == line.npos ? strlen(own) : arrow + 4);
+                last.assign(line);
+                in_message = true;
+            } else if (refused && in_message) { // its text went on past a line break
+                last.append("\n").append(line);
+            } else {
                 fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
-                continue;
             }
-            line.remove_prefix(arrow + 4);
-            while (!line.empty() && (line.back() == ' ' || line.back() == '\r'))
-                line.remove_suffix(1);
-            if (!line.empty())
-                reason_.assign(line);
+        }
+        while (!last.empty() && isspace(static_cast<unsigned char>(last.back())))
+            last.pop_back();
+        for (unsigned char c : last) {
+            char esc[8];
+            snprintf(esc, sizeof esc, c == '\n' ? "\\n" : "\\x%02x", c);
+            reason_ += c < 0x20 || c == 0x7f ? esc : std::string(1, static_cast<char>(c));
         }
     }
     int fd_ = -1;
@@ -349,7 +359,7 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
         }
         log_capture log(!opt.verbose);
         int32_t r = qmtnm_lcl_set(a.id, argv[0], 0);
-        log.stop();
+        log.stop(r < 0 && QMTNM_ERR_REASON(r) == QMTNM_R_INVALID);
         return r < 0 ? report(a.name, r, log.reason()) : cmd_get(a, opt);
     }
     record_ptr rec = new_record(a);
@@ -387,7 +397,7 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
         return 1;
     log_capture log(!opt.verbose);
     r = qmtnm_lcl_set(a.id, rec.get(), 0);
-    log.stop();
+    log.stop(r < 0 && QMTNM_ERR_REASON(r) == QMTNM_R_INVALID);
     if (r < 0)
         return report(a.name, r, log.reason());
     // What is stored now (for wan: wanflash; its live port may still be on its way up).
