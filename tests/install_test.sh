@@ -7,7 +7,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 for f in include/qmtnm.h include/qmt_conf.h lib/pkgconfig/qmtnm.pc lib/cmake/qmtnm/qmtnmConfig.cmake \
-         lib/libqmtnm.so.1 lib/libsysconf.so.1 bin/qmtnm bin/sysconf share/qmtnm/defaults.conf; do
+         lib/libqmtnm.so.1 lib/libsysconf.so.1 bin/qmtnm bin/sysconf share/qmtnm/defaults.conf \
+         share/bash-completion/completions/qmtnm; do
     [ -e "$work/prefix/$f" ] || { echo "not installed: $f"; exit 1; }
 done
 cmake -S "$src/tests/install" -B "$work/consumer" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null

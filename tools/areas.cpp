@@ -148,12 +148,12 @@ const area all_areas[] = {
     CLI_AREA("ddns", QMTNM_ID_DDNS, qmtnm_ddns_cfg, ddns_fields),
     // A get reports the stored station and the supplicant's link state.
     area{"sta", "sta_lcl", QMTNM_ID_STA, sizeof(qmtnm_sta_cfg), sta_fields, std::size(sta_fields),
-         QMTNM_ID_STA, true, false, sta_word},
+         QMTNM_ID_STA, true, false, sta_word, "wps=pbc wps=pin pin="},
     CLI_AREA("ap", QMTNM_ID_AP, nm_softap, ap_fields),
     CLI_AREA("upnp", QMTNM_ID_UPNP, qmtnm_upnp_cfg, upnp_fields),
     CLI_AREA("bonjour", QMTNM_ID_BONJOUR, qmtnm_bonjour_cfg, bonjour_fields),
     area{"ipfilter", "ipfilter_lcl", QMTNM_ID_IPFILTER, sizeof(qmtnm_ipfilter_cfg), ipfilter_fields,
-         std::size(ipfilter_fields), QMTNM_ID_IPFILTER, true, false, ipfilter_word},
+         std::size(ipfilter_fields), QMTNM_ID_IPFILTER, true, false, ipfilter_word, "rule="},
 };
 
 // Short names of every instance, by id, for decoding error codes.

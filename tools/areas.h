@@ -38,6 +38,7 @@ struct area {
     // Words of a set beyond the fields (the station's wps=pbc): true if name is one and value
     // fits, with *known set to whether name is one.
     bool (*word)(void *record, const char *name, const char *value, bool *known) = nullptr;
+    const char *words = nullptr; // those words as the shell completion offers them
 };
 
 // The area called name (short or instance name), or null.

@@ -24,10 +24,12 @@ struct free_delete {
     void operator()(void *p) const { free(p); }
 };
 
-int usage() {
-    fprintf(stderr, "usage: hconf save [FILE] | update FILE | header | read ID | write TEXT |\n"
-                    "             delete ID | sync | clear\n");
-    return 2;
+// Usage on stderr (status 2), or for --help on stdout (status 0).
+int usage(FILE *out = stderr) {
+    fputs("usage: hconf save [FILE] | update FILE | header | read ID | write TEXT |\n"
+          "             delete ID | sync | clear\n",
+          out);
+    return out == stdout ? 0 : 2;
 }
 
 bool parse_id(const char *text, unsigned long *id) {
@@ -87,6 +89,8 @@ int main(int argc, char **argv) {
     if (argc < 2)
         return usage();
     const char *cmd = argv[1];
+    if (strcmp(cmd, "-h") == 0 || strcmp(cmd, "--help") == 0)
+        return usage(stdout);
     const char *arg = argc > 2 ? argv[2] : nullptr;
     int nargs = argc - 2;
     unsigned long id = 0;

@@ -9,7 +9,7 @@
 //                                      checked, as at start-up
 //   qmtnm [--json] [--host] scan      scan on wlan0 and list the networks found
 //   qmtnm [--json] [--host] pin sta|ap   make, store and print a new WPS PIN
-//   qmtnm areas
+//   qmtnm areas [--complete]   the areas and their fields (--complete: for the shell completion)
 //   qmtnm iface IFNAME        address, netmask and hardware address as the library reads them
 //   qmtnm [--host] hosts      rewrite /var/conf/hosts from the store
 //   qmtnm locks               every area's set and get lock, free or taken
@@ -24,6 +24,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -34,7 +35,10 @@
 #include <vector>
 #include <semaphore.h>
 #include <string>
+#include <string_view>
+#include <sys/mman.h>
 #include <syslog.h>
+#include <unistd.h>
 
 namespace {
 
@@ -51,7 +55,13 @@ struct options {
     bool secrets = false;
 };
 
-int usage() {
+// The commands and options, as the shell completion offers them.
+constexpr const char *kCommands =
+    "get set boot scan pin areas iface hosts locks unlock try confirm rollback pending";
+constexpr const char *kOptions = "--json -v --verbose --log-level --host --secrets --help";
+
+// Usage on stderr (status 2), or for --help on stdout (status 0).
+int usage(FILE *out = stderr) {
     fputs("usage: qmtnm [options] get AREA\n"
           "       qmtnm [options] set AREA field=value ...\n"
           "       qmtnm [options] set ethmac XX:XX:XX:XX:XX:XX\n"
@@ -59,7 +69,7 @@ int usage() {
           "       qmtnm [options] scan\n"
           "       qmtnm [options] pin sta|ap\n"
           "       qmtnm [options] boot [AREA]\n"
-          "       qmtnm areas\n"
+          "       qmtnm areas [--complete]\n"
           "       qmtnm iface IFNAME\n"
           "       qmtnm [--host] hosts\n"
           "       qmtnm locks\n"
@@ -73,6 +83,7 @@ int usage() {
           "  --host          allow 'set' and 'boot' to change this machine (outside the emulated\n"
           "                  device)\n"
           "  --secrets       show passwords instead of masking them\n"
+          "  -h, --help      print this help\n"
           "AREA is a short name (qos) or an instance name (qos_lcl). 'set' starts from the\n"
           "stored settings and changes the fields given. 'boot' applies the stored settings of\n"
           "every area (or of AREA) once, as the device does when it starts; stored settings\n"
@@ -83,13 +94,14 @@ int usage() {
           "'set ipfilter' takes mode=white or mode=black and its ranges as rule=BEGIN-END, one\n"
           "word a range; the ranges given replace the stored ones (index=0 removes them all).\n"
           "'locks' shows each area's set and get lock; 'unlock' releases one (default: set)\n"
-          "that a caller killed inside a set or get left taken.\n"
+          "that a caller killed inside a set or get left taken. 'areas --complete' lists the\n"
+          "commands, areas, fields and fixed words for the shell completion.\n"
           "'try' runs its sets as one change that is rolled back after S seconds (default 60,\n"
           "at most 86400), or at the next start, unless 'confirm' keeps it; 'rollback' undoes it\n"
           "now; 'pending' shows what a rollback would undo. A failed set of a try rolls back\n"
           "the sets before it; the exit status is then 10 + its position.\n",
-          stderr);
-    return 2;
+          out);
+    return out == stdout ? 0 : 2;
 }
 
 const char *reason_text(int32_t reason) {
@@ -113,14 +125,93 @@ const char *reason_text(int32_t reason) {
     }
 }
 
-int report(const char *who, int32_t code) {
+// ---- a refused set names its reason ----
+// The library logs why it refuses a record (its check's line, at error level) to syslog. For the
+// duration of a set, syslog also copies each line to standard error (LOG_PERROR), which then
+// points at a memory file. A refused record's check runs before any command, so after a
+// refusal all that was captured is the library's: the report ends with the text of its last
+// message, control characters escaped (a caller's value may hold a line break). Otherwise what
+// is not the library's (a command it ran) is passed on after the call. With -v the lines go to
+// standard error as they come, and nothing is captured.
+class log_capture {
+  public:
+    explicit log_capture(bool on) {
+        fflush(stderr);
+        if (!on || (fd_ = memfd_create("qmtnm-log", MFD_CLOEXEC)) < 0)
+            return;
+        saved_ = dup(STDERR_FILENO);
+        if (saved_ < 0 || dup2(fd_, STDERR_FILENO) < 0) {
+            stop(false);
+            return;
+        }
+        openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
+    }
+    log_capture(const log_capture &) = delete;
+    log_capture &operator=(const log_capture &) = delete;
+    ~log_capture() { stop(false); }
+
+    // Ends the capture, after a refusal keeping the library's last message as the reason.
+    void stop(bool refused) {
+        if (saved_ >= 0) {
+            fflush(stderr);
+            openlog("libqmtnm", LOG_CONS | LOG_PID, LOG_LOCAL2); // as the library opens it
+            dup2(saved_, STDERR_FILENO);
+            close(saved_);
+            saved_ = -1;
+            take_lines(refused);
+        }
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = -1;
+    }
+    const std::string &reason() const { return reason_; }
+
+  private:
+    void take_lines(bool refused) {
+        std::string text, last;
+        char buf[4096];
+        ssize_t n;
+        for (off_t at = 0; (n = pread(fd_, buf, sizeof buf, at)) > 0; at += n)
+            text.append(buf, static_cast<size_t>(n));
+        char own[32];
+        snprintf(own, sizeof own, "libqmtnm[%d]: ", static_cast<int>(getpid()));
+        bool in_message = false;
+        for (size_t at = 0, end; at < text.size(); at = end + 1) {
+            end = std::min(text.find('\n', at), text.size());
+            std::string_view line(text.data() + at, end - at);
+            if (line.substr(0, strlen(own)) == own) { // a message: "function    --> text"
+                size_t arrow = line.find("--> ");
+                line.remove_prefix(arrow == line.npos ? strlen(own) : arrow + 4);
+                last.assign(line);
+                in_message = true;
+            } else if (refused && in_message) { // its text went on past a line break
+                last.append("\n").append(line);
+            } else {
+                fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
+            }
+        }
+        while (!last.empty() && isspace(static_cast<unsigned char>(last.back())))
+            last.pop_back();
+        for (unsigned char c : last) {
+            char esc[8];
+            snprintf(esc, sizeof esc, c == '\n' ? "\\n" : "\\x%02x", c);
+            reason_ += c < 0x20 || c == 0x7f ? esc : std::string(1, static_cast<char>(c));
+        }
+    }
+    int fd_ = -1;
+    int saved_ = -1;
+    std::string reason_;
+};
+
+int report(const char *who, int32_t code, const std::string &reason = {}) {
     // A live reading of an interface passes the system's -errno on.
     if ((static_cast<uint32_t>(code) & 0xFF000000u) != 0xFD000000u) {
         fprintf(stderr, "%s: %s (%d)\n", who, strerror(-code), code);
         return 1;
     }
-    fprintf(stderr, "%s: %s (0x%08X)\n", who, reason_text(QMTNM_ERR_REASON(code)),
-            static_cast<unsigned>(code));
+    bool why = QMTNM_ERR_REASON(code) == QMTNM_R_INVALID && !reason.empty();
+    fprintf(stderr, "%s: %s (0x%08X)%s%s\n", who, reason_text(QMTNM_ERR_REASON(code)),
+            static_cast<unsigned>(code), why ? ": " : "", why ? reason.c_str() : "");
     return 1;
 }
 
@@ -277,8 +368,10 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
             fprintf(stderr, "qmtnm: %s takes one value\n", a.name);
             return 2;
         }
+        log_capture log(!opt.verbose);
         int32_t r = qmtnm_lcl_set(a.id, argv[0], 0);
-        return r < 0 ? report(a.name, r) : cmd_get(a, opt);
+        log.stop(r < 0 && QMTNM_ERR_REASON(r) == QMTNM_R_INVALID);
+        return r < 0 ? report(a.name, r, log.reason()) : cmd_get(a, opt);
     }
     record_ptr rec = new_record(a);
     int32_t r = get_record(a.stored_id, a, rec.get());
@@ -313,9 +406,11 @@ int cmd_set(const area &a, int argc, char **argv, const options &opt) {
     }
     if (need_all && given < a.field_count)
         return 1;
+    log_capture log(!opt.verbose);
     r = qmtnm_lcl_set(a.id, rec.get(), 0);
+    log.stop(r < 0 && QMTNM_ERR_REASON(r) == QMTNM_R_INVALID);
     if (r < 0)
-        return report(a.name, r);
+        return report(a.name, r, log.reason());
     // What is stored now (for wan: wanflash; its live port may still be on its way up).
     const area *stored = cli::find_area(cli::area_name_by_id(a.stored_id));
     return cmd_get(stored ? *stored : a, opt);
@@ -458,7 +553,35 @@ int cmd_pin(const char *who, const options &opt) {
     return 0;
 }
 
-int cmd_areas() {
+// With complete, one kind of word a line, for the shell completion:
+//   command WORD...                       the commands
+//   option WORD...                        the options
+//   arg COMMAND WORD...                   a command's fixed words (pin sta|ap, unlock AREA set|get)
+//   area NAME INSTANCE get|set FIELD...   an area (set: it can be set) and its record's fields
+//   set NAME WORD...                      what a set of the area takes: field=, field=value
+int cmd_areas(bool complete) {
+    if (complete) {
+        printf("command %s\noption %s\narg pin sta ap\narg unlock set get\n", kCommands, kOptions);
+        for (const area *a = cli::areas_begin(); a != cli::areas_end(); ++a) {
+            printf("area %s %s %s", a->name, a->instance, a->settable ? "set" : "get");
+            for (size_t i = 0; i < a->field_count; ++i)
+                printf(" %s", a->fields[i].name);
+            if (!a->settable || a->text_set) {
+                putchar('\n');
+                continue;
+            }
+            printf("\nset %s", a->name);
+            for (size_t i = 0; i < a->field_count; ++i) {
+                const char *f = a->fields[i].name;
+                if (a->fields[i].type == ftype::list)
+                    printf(" %s=white %s=black", f, f);
+                else if (a->fields[i].type != ftype::ranges)
+                    printf(" %s=", f);
+            }
+            printf("%s%s\n", a->words ? " " : "", a->words ? a->words : "");
+        }
+        return 0;
+    }
     for (const area *a = cli::areas_begin(); a != cli::areas_end(); ++a) {
         printf("%-10s %-14s id %2u%s:", a->name, a->instance, a->id, a->settable ? "" : " (get)");
         for (size_t i = 0; i < a->field_count; ++i)
@@ -573,6 +696,8 @@ int main(int argc, char **argv) {
     options opt;
     int i = 1;
     for (; i < argc && argv[i][0] == '-'; ++i) {
+        if (!strcmp(argv[i], "-h") || !strcmp(argv[i], "--help"))
+            return usage(stdout);
         if (take_flag(opt, argv[i]))
             continue;
         if (!strcmp(argv[i], "--log-level") && i + 1 < argc)
@@ -584,7 +709,7 @@ int main(int argc, char **argv) {
         return usage();
     const char *cmd = argv[i++];
     if (!strcmp(cmd, "areas"))
-        return cmd_areas();
+        return cmd_areas(i < argc && !strcmp(argv[i], "--complete"));
     if (!strcmp(cmd, "hosts") && i == argc)
         return cmd_hosts(opt);
     if (!strcmp(cmd, "locks") || !strcmp(cmd, "unlock")) {

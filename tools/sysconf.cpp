@@ -6,7 +6,8 @@
 
 namespace {
 
-int usage() {
+// Usage on stderr (status 2), or for --help on stdout (status 0).
+int usage(FILE *out = stderr) {
     fputs("usage: sysconf get PATH            print one value\n"
           "       sysconf set PATH VALUE      VALUE is an integer or a \"quoted string\"\n"
           "       sysconf set -s PATH TEXT    store TEXT as a string\n"
@@ -14,9 +15,10 @@ int usage() {
           "       sysconf dump [PREFIX]       print every value (as loadable text)\n"
           "       sysconf load [--replace] FILE   load values from FILE ('-' for stdin)\n"
           "       sysconf db                  print the database file in use\n"
+          "       sysconf --help              print this help\n"
           "PATH is domain/section/key, e.g. network/network_qos/enable; list elements are #N.\n",
-          stderr);
-    return 2;
+          out);
+    return out == stdout ? 0 : 2;
 }
 
 const char *describe(int r) {
@@ -68,6 +70,8 @@ int main(int argc, char **argv) {
     if (argc < 2)
         return usage();
     const char *cmd = argv[1];
+    if (!strcmp(cmd, "-h") || !strcmp(cmd, "--help"))
+        return usage(stdout);
     int r;
     if (!strcmp(cmd, "get") && argc == 3) {
         char value[2048];

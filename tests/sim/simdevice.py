@@ -163,10 +163,10 @@ class SimTestCase(unittest.TestCase):
     def qmtnm(self, *args, check=True, env=()):
         return self.dev.run("env", *env, "qmtnm", *args, check=check)
 
-    def refused(self, area, code, *words, **kw):
-        """A set of area that must fail with the invalid-input code."""
+    def refused(self, area, code, *words, why=".+", **kw):
+        """A set of area that must fail with the invalid-input code and the library's reason."""
         r = self.qmtnm("set", area, *words, check=False, **kw)
-        self.assertEqual(r.stderr, f"{area}: invalid input ({code})\n", words)
+        self.assertRegex(r.stderr, rf"\A{area}: invalid input \({code}\): {why}\n\Z", words)
 
 
 def main():

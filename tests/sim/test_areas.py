@@ -137,7 +137,8 @@ class Wired(SimTestCase):
         self.assertIsNone(self.lease())
         before = self.dev.json("lan")
         self.assertEqual((before["begin"], before["end"]), ("192.168.7.50", "192.168.7.60"))
-        self.refused("lan", "0xFDFBFFF9", "method=1", "begin=192.168.1.200", "end=192.168.1.100")
+        self.refused("lan", "0xFDFBFFF9", "method=1", "begin=192.168.1.200", "end=192.168.1.100",
+                     why=re.escape("lan info begin_ip > end_ip!"))
         self.assertEqual(self.dev.json("lan"), before)
 
     def test_2_wan_static_address_then_a_lease_from_upstream(self):
