@@ -3,6 +3,7 @@
  * record, and its ABI (abi/records.abi) is their layouts. Built by scripts/test.d/50-abi.sh. */
 #include "qmt_hconf.h"
 #include "qmtnm.h"
+#include "qmtnm_try.h"
 
 __attribute__((visibility("default"))) void
 qmtnm_abi_records(qmtnm_qos_cfg *qos, qmtnm_wan_cfg *wan, qmtnm_lan_cfg *lan, qmtnm_br_cfg *br,
@@ -13,4 +14,9 @@ qmtnm_abi_records(qmtnm_qos_cfg *qos, qmtnm_wan_cfg *wan, qmtnm_lan_cfg *lan, qm
     (void)qos, (void)wan, (void)lan, (void)br, (void)ethtype, (void)ethmac, (void)pppoe;
     (void)ddns, (void)sta, (void)scan, (void)ap, (void)upnp, (void)bonjour, (void)ipfilter;
     (void)hconf_header, (void)hconf_entry;
+}
+
+/* Records added later get a function of their own: the one above keeps its type. */
+__attribute__((visibility("default"))) void qmtnm_abi_try_records(qmtnm_try_info *info) {
+    (void)info;
 }
