@@ -1,6 +1,8 @@
 // The common helpers write_conf_file and update_hosts_file in the test namespaces (private /tmp
-// and /var; /dev/log captured). save_hw_conf is with the device tests.
+// and /var; /dev/log captured). save_hw_conf is with the device tests; here, without a device,
+// a static WAN set through it prints nothing on the caller's standard output.
 #include "qmt_conf.h"
+#include "qmtnm.h"
 #include "support/test_support.h"
 
 #include <fstream>
@@ -94,6 +96,16 @@ TEST(CommonHelpers, UpdateHostsFile) {
                                                           QMTNM_PRODUCT_HOSTNAME + "\n");
         }
     }
+}
+
+using StaticWan = nmtest::area_test;
+TEST_F(StaticWan, SetPrintsNothing) {
+    std::vector<char> wan = nmtest::record("wan", "method=0|ipaddr=10.1.2.3|netmask=255.255.0.0");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_WAN, wan.data(), 0), 0);
+    fflush(stdout);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(nmtest::stored("network/network_wan/netmask"), "\"255.255.0.0\"");
 }
 
 } // namespace
