@@ -221,9 +221,8 @@ TEST_F(Wifi, StationGetReadsTheStoreAndTheSupplicantsState) {
 
 // WPS keeps the learned name and key whole: 32 characters, a 63-character passphrase, 64 digits.
 TEST_F(Wifi, WpsKeepsTheLearnedNetworkWhole) {
-    nmtest::sh(
-        "mount -t tmpfs class /sys/class && cd /sys/class && mkdir -p net/wlan0 leds/wifi_led"
-        " && >leds/wifi_led/trigger && echo up >net/wlan0/operstate"); // the LED; wlan0 up
+    nmtest::sh("mount -t tmpfs c /sys/class && cd /sys/class && mkdir -p net/wlan0 leds/wifi_led &&"
+               " >leds/wifi_led/trigger && echo up >net/wlan0/operstate"); // the LED; wlan0 up
     for (const std::string &key : {"\"" + std::string(63, '~') + "\"", H64}) {
         std::ofstream("/var/nm/wpa_supplicant.conf")
             << "\tssid=\"" + std::string(32, 's') + "\"\n\tpsk=" + key;

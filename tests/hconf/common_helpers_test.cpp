@@ -1,7 +1,6 @@
 // The common helpers write_conf_file and update_hosts_file in the test namespaces (private /tmp
-// and /var; /dev/log captured). save_hw_conf is with the device tests; here, a silent WAN set.
+// and /var; /dev/log captured). save_hw_conf is with the device tests.
 #include "qmt_conf.h"
-#include "qmtnm.h"
 #include "support/test_support.h"
 
 #include <fstream>
@@ -95,14 +94,6 @@ TEST(CommonHelpers, UpdateHostsFile) {
                                                           QMTNM_PRODUCT_HOSTNAME + "\n");
         }
     }
-}
-
-using StaticWan = nmtest::area_test; // no device: the store's reports would all be failures
-TEST_F(StaticWan, SetPrintsNothing) {
-    auto wan = nmtest::record("wan", "method=0|ipaddr=10.1.2.3");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(qmtnm_lcl_set(QMTNM_ID_WAN, wan.data(), 0) + fflush(stdout), 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
 }
 
 } // namespace

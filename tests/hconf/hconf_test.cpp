@@ -184,7 +184,7 @@ TEST(HconfDevice, Script) {
              "qmt_hconf_update: ERROR: failed parse entry: 0x30:2:1:00\n\n0x1:0:1:01\n",
          -1},
         {"update @/none", "qmt_hconf_update: ERROR: open " + dir + "/none failed\n", -1},
-        // save_hw_conf: the address (0) or netmask (1) entry, written and committed, silently.
+        // save_hw_conf (a static WAN set): the address (0) or netmask (1), committed, silently.
         {"reboot; hw 1 255.255.255.0; hw 0 192.168.1.10; hw 2 1.2.3.4", ""},
         {"hw 0 10.0.0.7", "", 0, "7"},
         {"reboot; save", "0x1000004:0:4:ffffff00\n" + ip},
