@@ -22,7 +22,7 @@ constexpr bool wep_hex_len(size_t n) {
     return n == 10 || n == 26;
 }
 // A WPA key of 64 hexadecimal digits is the pre-shared key itself: wpa_supplicant and hostapd
-// take it unquoted (psk, wpa_psk), and any other text of 64 characters as neither.
+// take it unquoted (psk, wpa_psk); any other text of 64 characters is neither key nor passphrase.
 inline bool wpa_raw_key(const char *key) {
     return strlen(key) == 64 && all_hex(key);
 }
