@@ -117,7 +117,7 @@ int32_t check_softap_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     } else if (cfg->auth >= 2) {
         if (static_cast<uint32_t>(cfg->encry) >= 3)
             return invalid("ap cipher out of range");
-        if (!nm::wifi::wpa_len_ok(len))
+        if (!nm::wifi::wpa_key_ok(pass.text))
             return invalid("ap password len invalid, len=%d", len);
     }
     // The key is stored also without security when WPS is on: its rule holds then too.
@@ -204,7 +204,10 @@ int32_t update_hostapd_file(const softap *cfg) {
                                                 "wpa_pairwise=TKIP CCMP\n"};
         fputs("auth_algs=1\n", f);
         fprintf(f, "wpa=%d\n", cfg->auth - 1);
-        fprintf(f, "wpa_passphrase=%s\n", pass.text);
+        if (nm::wifi::wpa_raw_key(pass.text)) // the key itself
+            fprintf(f, "wpa_psk=%s\n", pass.text);
+        else
+            fprintf(f, "wpa_passphrase=%s\n", pass.text);
         fputs("wpa_key_mgmt=WPA-PSK\n", f);
         if (static_cast<uint32_t>(cfg->encry) < std::size(kPairwise))
             fputs(kPairwise[cfg->encry], f);

@@ -7,11 +7,13 @@
 #include "common/nm_log.h"
 #include "common/raii.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <iterator>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
@@ -110,7 +112,7 @@ int32_t check_sta_info_grammar(lcl_instance *, void *arg1, uintptr_t) {
     } else if (cfg->auth >= 2) {
         if (static_cast<uint32_t>(cfg->encry) >= 3)
             return invalid(func, "sta auth out of range"); // the same words as for auth
-        if (!nm::wifi::wpa_len_ok(len))
+        if (!nm::wifi::wpa_key_ok(pass.text))
             return invalid(func, "wpa password len invalid, len=%d", static_cast<int>(len));
     }
     if (const char *why = nm::wifi::text_refusal(ssid.text, cfg->auth, pass.text))
@@ -177,8 +179,11 @@ int32_t sta_join(const sta_cfg *cfg) {
     case 2:
     case 3:
     case 4:
-        nm::run_cmd(kTextCmdCap, "%s set_network 0 psk '\"%s\"' &>/dev/null", kWpaCli,
-                    quoted(cfg->password).text);
+        if (nm::wifi::wpa_raw_key(pass.text)) // the key itself, unquoted
+            nm::run_cmd(kCmdCap, "%s set_network 0 psk %s &>/dev/null", kWpaCli, pass.text);
+        else
+            nm::run_cmd(kTextCmdCap, "%s set_network 0 psk '\"%s\"' &>/dev/null", kWpaCli,
+                        quoted(cfg->password).text);
         break;
     default:
         nm::log(nm::LOG_GATE_ERR, "set_sta", "Invalid auth mode\n"); // under the apply's name
@@ -209,14 +214,18 @@ bool check_wlan_status() {
     return fgets(line, sizeof line, f.get()) != nullptr && strncmp(line, "up", 2) == 0;
 }
 
-// The text between the quotes of a "\t<key>=\"...\"\n" line of the supplicant's file, which
-// starts at character key_len + 4; copied into a zeroed field, cut at its size.
-template <size_t N> void take_quoted(const char *line, size_t key_len, char (&field)[N]) {
-    size_t len = strlen(line);
-    if (len < key_len + 5)
-        return;
-    size_t n = len - (key_len + 5);
-    memcpy(field, line + key_len + 3, n < N ? n : N);
+// The value of a "\t<key>=...\n" line of the supplicant's file into a zeroed field, cut at its
+// size: the text between the quotes of a quoted value ("\"name\""), or an unquoted value as it
+// stands (a pre-shared key's 64 hexadecimal digits).
+template <size_t N> void take_value(const char *line, size_t key_len, char (&field)[N]) {
+    std::string_view v(line);
+    v.remove_prefix(std::min(v.size(), key_len + 2));
+    if (!v.empty() && v.back() == '\n')
+        v.remove_suffix(1);
+    if (v.size() >= 2 && v.front() == '"' && v.back() == '"')
+        v = v.substr(1, v.size() - 2);
+    memset(field, 0, N);
+    memcpy(field, v.data(), std::min(v.size(), N));
 }
 
 // Keeps the network that WPS learned: its name and passphrase from the supplicant's file.
@@ -233,14 +242,13 @@ int32_t save_sta_cfg() {
         NM_ERR("open %s fail, ret = %d", path, kStoreFail);
         return kStoreFail;
     }
-    char line[64];
-    while (fgets(line, sizeof line, f.get())) {
-        if (strncmp(line + 1, "ssid", 4) == 0) {
-            memset(cfg->ssid, 0, sizeof cfg->ssid);
-            take_quoted(line, 4, cfg->ssid);
-        } else if (strncmp(line + 1, "psk", 3) == 0) {
-            memset(cfg->password, 0, sizeof cfg->password);
-            take_quoted(line, 3, cfg->password);
+    // Whole lines: a name of 32 characters and a key of 63, or of 64 digits, are kept whole.
+    nm::line_buffer line;
+    while (line.read(f.get()) > 0) {
+        if (strncmp(line.text + 1, "ssid", 4) == 0) {
+            take_value(line.text, 4, cfg->ssid);
+        } else if (strncmp(line.text + 1, "psk", 3) == 0) {
+            take_value(line.text, 3, cfg->password);
             cfg->auth = 2;
         }
     }

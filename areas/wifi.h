@@ -21,9 +21,15 @@ constexpr bool wep_len_ok(size_t n) {
 constexpr bool wep_hex_len(size_t n) {
     return n == 10 || n == 26;
 }
-// WPA passphrases: 8 to 64 characters.
-constexpr bool wpa_len_ok(size_t n) {
-    return n >= 8 && n <= 64;
+// A WPA key of 64 hexadecimal digits is the pre-shared key itself: wpa_supplicant and hostapd
+// take it unquoted (psk, wpa_psk); any other text of 64 characters is neither key nor passphrase.
+inline bool wpa_raw_key(const char *key) {
+    return strlen(key) == 64 && all_hex(key);
+}
+// WPA keys: a passphrase of 8 to 63 characters, or the raw key.
+inline bool wpa_key_ok(const char *key) {
+    size_t n = strlen(key);
+    return (n >= 8 && n <= 63) || wpa_raw_key(key);
 }
 
 // Why a name or key cannot be used as it is, or null. A control character (a line break, a

@@ -4,7 +4,7 @@
 #include "common/area.h"
 #include "common/nm_log.h"
 #include "common/raii.h"
-#include "qmt_hconf.h"
+#include "hconf/hconf_quiet.h"
 #include "qmtnm.h"
 
 #include <arpa/inet.h>
@@ -168,12 +168,12 @@ void save_hw_conf(int32_t which, struct in_addr addr) {
     // The address's bytes most significant first, as in the dotted quad.
     char text[64] = {};
     snprintf(text, sizeof text, "0x%08x:0:4:%08x", id, ntohl(addr.s_addr));
-    qmt_hconf_entry_rec *entry = qmt_hconf_entry(text);
-    if (entry == nullptr)
+    // The store's quiet forms: nothing on the caller's standard output, nothing reported.
+    nm::unique_heap<qmt_hconf_entry_rec> entry(nm::hconf::entry_quiet(text));
+    if (!entry)
         return;
-    qmt_hconf_write_entry(entry);
-    qmt_hconf_sync();
-    free(entry);
+    nm::hconf::write_entry_quiet(entry.get());
+    nm::hconf::sync_quiet();
 }
 
 } // extern "C"

@@ -36,4 +36,15 @@ struct free_delete {
 };
 template <class T> using unique_heap = std::unique_ptr<T, free_delete>;
 
+// getline()'s buffer, released however the reading ends: a line is read whole, however long.
+struct line_buffer {
+    line_buffer() = default;
+    line_buffer(const line_buffer &) = delete;
+    line_buffer &operator=(const line_buffer &) = delete;
+    ~line_buffer() { free(text); }
+    ssize_t read(FILE *f) { return getline(&text, &cap, f); }
+    char *text = nullptr;
+    size_t cap = 0;
+};
+
 } // namespace nm

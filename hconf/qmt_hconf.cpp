@@ -2,12 +2,14 @@
 // dumps) and the device operations on /dev/hconf: one open-request-close per call, a save of
 // the whole store to a text file and an update of the store from such a file.
 //
-// Everything here reports with printf to standard output, never to the system log, and
-// returns plain ints. The parsers work on NUL-terminated text and stop at the terminator.
-#include "qmt_hconf.h"
+// The exported calls report with printf to standard output, never to the system log, and
+// return plain ints; the library's own use goes through the quiet forms (hconf_quiet.h), which
+// print nothing. The parsers work on NUL-terminated text and stop at the terminator.
+#include "hconf/hconf_quiet.h"
 
 #include "common/raii.h"
 
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +19,18 @@
 #include <unistd.h>
 
 namespace {
+
+// A report on standard output, or none in the quiet forms.
+enum class out : bool { quiet, loud };
+void say(out to, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+void say(out to, const char *fmt, ...) {
+    if (to == out::quiet)
+        return;
+    va_list ap;
+    va_start(ap, fmt);
+    vprintf(fmt, ap);
+    va_end(ap);
+}
 
 // ---- numbers of the text forms ---------------------------------------------------------
 
@@ -132,30 +146,20 @@ int request(const device_fd &dev, unsigned long nr, unsigned long arg) {
     return ioctl(dev.get(), nr, arg);
 }
 
-// getline()'s buffer, released however the reading ends.
-struct line_buffer {
-    line_buffer() = default;
-    line_buffer(const line_buffer &) = delete;
-    line_buffer &operator=(const line_buffer &) = delete;
-    ~line_buffer() { free(text); }
-    char *text = nullptr;
-    size_t cap = 0;
-};
-
 // One open-request-close: on a failed request fail_text is printed under func and the
 // request's own result returned; on success the caller's on_success runs (read requests
 // print what they received).
 template <class Arg, class OnSuccess>
 int single_request(const char *func, unsigned long nr, Arg arg, const char *fail_text,
-                   OnSuccess on_success) {
+                   OnSuccess on_success, out to = out::loud) {
     device_fd dev;
     if (!dev.ok()) {
-        printf("%s: ERROR: open %s failed\n", func, QMT_HCONF_DEVICE);
+        say(to, "%s: ERROR: open %s failed\n", func, QMT_HCONF_DEVICE);
         return dev.get();
     }
     int r = request(dev, nr, arg);
     if (r != 0) {
-        printf("%s: ERROR: %s\n", func, fail_text);
+        say(to, "%s: ERROR: %s\n", func, fail_text);
         return r;
     }
     on_success();
@@ -183,21 +187,81 @@ void save_entry(const char *func, FILE *out, const uint8_t *entry) {
     fputc('\n', out);
 }
 
-} // namespace
-
-extern "C" {
-
-// ---- records and text form ---------------------------------------------------------------
-
-int ch_hex(char c) {
+// ch_hex, reporting to.
+int hex_value(char c, out to) {
     if (c >= '0' && c <= '9')
         return c - '0';
     if (c >= 'a' && c <= 'f')
         return c - 'a' + 10;
     if (c >= 'A' && c <= 'F')
         return c - 'A' + 10;
-    printf("%s: ERROR: bad char: %c\n", __func__, c);
+    say(to, "%s: ERROR: bad char: %c\n", "ch_hex", c);
     return 0;
+}
+
+// qmt_hconf_entry, reporting to: its failures, and the dump of the entry it returns.
+qmt_hconf_entry_rec *parse_entry(const char *text, out to) {
+    const char *func = "qmt_hconf_entry";
+    const char *p = text;
+    uint32_t id = scan_unsigned(p, &p);
+    auto type = static_cast<uint16_t>(scan_unsigned(skip_separator(p), &p));
+    auto len = static_cast<uint16_t>(scan_unsigned(skip_separator(p), &p));
+    const char *data = skip_separator(p);
+
+    nm::unique_heap<qmt_hconf_entry_rec> entry(
+        static_cast<qmt_hconf_entry_rec *>(calloc(1, kEntryHead + len)));
+    if (!entry) {
+        say(to, "%s: ERROR: allocate memory failed\n", func);
+        return nullptr;
+    }
+    entry->id = id;
+    entry->type = type;
+    entry->len = len;
+    uint8_t *data_out = entry->data;
+    if (type == QMT_HCONF_TYPE_TEXT) {
+        // At most len characters, never past the terminator; the rest stays zero.
+        for (size_t i = 0; i < len && data[i] != '\0'; ++i)
+            data_out[i] = static_cast<uint8_t>(data[i]);
+    } else if (type == QMT_HCONF_TYPE_BIN) {
+        // Two digits a byte, high digit first. Digits missing after the terminator count as
+        // zero; the terminator itself is never passed.
+        for (size_t i = 0; i < len && *data != '\0'; ++i) {
+            int high = hex_value(*data++, to);
+            int low = *data != '\0' ? hex_value(*data++, to) : 0;
+            data_out[i] = static_cast<uint8_t>((high << 4) + low);
+        }
+    } else {
+        say(to, "%s: ERROR: bad entry type: %d\n", func, static_cast<int>(type));
+        return nullptr;
+    }
+    if (to == out::loud)
+        qmt_hconf_entry_dump(entry.get());
+    return entry.release();
+}
+
+} // namespace
+
+qmt_hconf_entry_rec *nm::hconf::entry_quiet(const char *text) {
+    return parse_entry(text, out::quiet);
+}
+
+int nm::hconf::write_entry_quiet(const qmt_hconf_entry_rec *entry) {
+    return single_request("qmt_hconf_write_entry", QMT_HCONF_IOC_WRITE_ENTRY,
+                          const_cast<void *>(static_cast<const void *>(entry)),
+                          "write entry failed", nothing, out::quiet);
+}
+
+int nm::hconf::sync_quiet() {
+    return single_request("qmt_hconf_sync", QMT_HCONF_IOC_SYNC, 0UL, "sync failed", nothing,
+                          out::quiet);
+}
+
+extern "C" {
+
+// ---- records and text form ---------------------------------------------------------------
+
+int ch_hex(char c) {
+    return hex_value(c, out::loud);
 }
 
 qmt_hconf_header_rec *qmt_hconf_header(const char *text) {
@@ -230,40 +294,7 @@ qmt_hconf_header_rec *qmt_hconf_header(const char *text) {
 }
 
 qmt_hconf_entry_rec *qmt_hconf_entry(const char *text) {
-    const char *p = text;
-    uint32_t id = scan_unsigned(p, &p);
-    auto type = static_cast<uint16_t>(scan_unsigned(skip_separator(p), &p));
-    auto len = static_cast<uint16_t>(scan_unsigned(skip_separator(p), &p));
-    const char *data = skip_separator(p);
-
-    nm::unique_heap<qmt_hconf_entry_rec> entry(
-        static_cast<qmt_hconf_entry_rec *>(calloc(1, kEntryHead + len)));
-    if (!entry) {
-        printf("%s: ERROR: allocate memory failed\n", __func__);
-        return nullptr;
-    }
-    entry->id = id;
-    entry->type = type;
-    entry->len = len;
-    uint8_t *out = entry->data;
-    if (type == QMT_HCONF_TYPE_TEXT) {
-        // At most len characters, never past the terminator; the rest stays zero.
-        for (size_t i = 0; i < len && data[i] != '\0'; ++i)
-            out[i] = static_cast<uint8_t>(data[i]);
-    } else if (type == QMT_HCONF_TYPE_BIN) {
-        // Two digits a byte, high digit first. Digits missing after the terminator count as
-        // zero; the terminator itself is never passed.
-        for (size_t i = 0; i < len && *data != '\0'; ++i) {
-            int high = ch_hex(*data++);
-            int low = *data != '\0' ? ch_hex(*data++) : 0;
-            out[i] = static_cast<uint8_t>((high << 4) + low);
-        }
-    } else {
-        printf("%s: ERROR: bad entry type: %d\n", __func__, static_cast<int>(type));
-        return nullptr;
-    }
-    qmt_hconf_entry_dump(entry.get());
-    return entry.release();
+    return parse_entry(text, out::loud);
 }
 
 int qmt_hconf_header_dump(const qmt_hconf_header_rec *header) {
@@ -374,9 +405,9 @@ int qmt_hconf_update(const char *path) {
         printf("%s: ERROR: open %s failed\n", __func__, path);
         return -1;
     }
-    line_buffer line;
+    nm::line_buffer line;
     for (;;) {
-        ssize_t n = getline(&line.text, &line.cap, in.get());
+        ssize_t n = line.read(in.get());
         if (n < 0)
             return 0;
         if (n < 6)

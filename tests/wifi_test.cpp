@@ -22,6 +22,7 @@ namespace {
 
 const std::string W = "wpa_cli -p/var/run/wpa_supplicant";
 const auto cli = [](const std::string &words) { return W + " " + words + " &>/dev/null"; };
+const std::string H64 = "0123456789abcdef0123456789abcdef0123456789ABCDEF0123456789ABCDEF";
 const auto text = [](const auto &f) { return std::string(f, strnlen(f, sizeof f)); };
 // The factory settings, the activate flag set, nothing run, written or logged yet; and the area's
 // record as the tool builds it from them and its words ("ssid=x|auth=2").
@@ -174,9 +175,10 @@ TEST_F(Wifi, StationRecordsGiveTheirCommandsAndStoredKeys) {
         {"enable=1|ssid=H|auth=1|index=4|password=0a1b2c3d4e", join("H", {"key_mgmt NONE", "wep_key3 0a1b2c3d4e", "wep_tx_keyidx 3"})},
         {"enable=1|ssid=H|auth=1|index=1|password=a'b\"c$(x)`y`;", join("H", {"key_mgmt NONE", "wep_key0 '\"a'\\''b\"c$(x)`y`;\"'", "wep_tx_keyidx 0"})},
         {"enable=1|ssid=Home Net|auth=3|encry=2|password=pass phrase", join("Home Net", {"psk '\"pass phrase\"'"})},
-        {"enable=1|ssid=n|auth=4|encry=1|password=*p", join("n", {"psk '\"" + std::string(64, 'p') + "\"'"})},
+        {"enable=1|ssid=n|auth=4|encry=1|password=*p", {}, "wpa password len invalid, len=64"}, // 64: only as hex digits
+        {"enable=1|ssid=n|auth=2|password=" + H64, join("n", {"psk " + H64})}, // the key itself
         {"enable=1|ssid=it's \"q\" $(id)|auth=2|password=a'b\"c\\d`e`", join("it'\\''s \"q\" $(id)", {"psk '\"a'\\''b\"c\\d`e`\"'"})},
-        {"enable=1|ssid=*'|auth=2|password=*'", join(q64.substr(0, 4 * 32), {"psk '\"" + q64 + "\"'"})}, // clang-format on
+        {"enable=1|ssid=*'|auth=2|password=" + std::string(63, '\''), join(q64.substr(0, 4 * 32), {"psk '\"" + q64.substr(4) + "\"'"})}, // clang-format on
     };
     const qmtnm_sta_cfg factory = record<qmtnm_sta_cfg>("sta", "");
     for (const auto &r : rows) {
@@ -215,6 +217,21 @@ TEST_F(Wifi, StationGetReadsTheStoreAndTheSupplicantsState) {
         memcpy(want.wps_pin, "12345670", sizeof want.wps_pin);
         EXPECT_EQ(memcmp(&got, &want, sizeof got), 0) << status;
     }
+}
+
+// WPS keeps the learned name and key whole: 32 characters, a 63-character passphrase, 64 digits.
+TEST_F(Wifi, WpsKeepsTheLearnedNetworkWhole) {
+    nmtest::sh("mount -t tmpfs c /sys/class && cd /sys/class && mkdir -p net/wlan0 leds/wifi_led &&"
+               " >leds/wifi_led/trigger && echo up >net/wlan0/operstate"); // the LED; wlan0 up
+    for (const std::string &key : {"\"" + std::string(63, '~') + "\"", H64}) {
+        std::ofstream("/var/nm/wpa_supplicant.conf")
+            << "\tssid=\"" + std::string(32, 's') + "\"\n\tpsk=" + key;
+        auto wps = record<qmtnm_sta_cfg>("sta", "enable=1|wps=pbc");
+        ASSERT_EQ(qmtnm_lcl_set(QMTNM_ID_STA, &wps, 0), 0);
+        EXPECT_EQ(stored_str("network_sta", "ssid") + stored_str("network_sta", "password"),
+                  std::string(32, 's') + (key == H64 ? key : key.substr(1, 63)));
+    }
+    nmtest::sh("umount /sys/class");
 }
 
 // A PIN's 8 digits, weighted 3, 1, 3, 1..., sum to a multiple of 10. The instances make one and
@@ -276,7 +293,7 @@ TEST_F(Wifi, ScanCountsAndParsesTheResults) {
 // applied (hostapd.conf, hostapd rereads it) and stored; turned off, only the switch is stored and
 // waits for a reboot.
 TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
-    const std::string ctl = ", errno = -34603015", z32(32, 'z'),
+    const std::string ctl = ", errno = -34603015", z32(32, 'z'), p63(63, 'p'),
                       head = "interface=wlan1\nctrl_interface=/var/run/hostapd\nbeacon_int=100\n"
                              "dtim_period=2\nmax_num_sta=8\nbridge=br0\n";
     struct {
@@ -295,6 +312,7 @@ TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
         {"auth=1|password=abcdef|index=1", "", "ap wep password len invalid, len=6"},
         {"auth=2|password=12345678|encry=3", "", "ap cipher out of range"},
         {"auth=2|password=1234567", "", "ap password len invalid, len=7"},
+        {"auth=2|password=*p", "", "ap password len invalid, len=64"}, // 64: only as hex digits
         {"ssid=a\nwpa=0|auth=2|password=12345678", "", "ap ssid holds a control character" + ctl},
         {"auth=2|password=12345678\nwpa_psk=x", "", "ap password holds a control character" + ctl},
         {"auth=1|index=1|password=0a1b2c3d4z", "", "ap wep key of 10 or 26 characters must be hexadecimal" + ctl},
@@ -307,8 +325,10 @@ TEST_F(Wifi, SoftApRecordsGiveTheirHostapdConfAndStoredKeys) {
          "ieee80211n=1\nwps_state=2auth_algs=1\nwpa=2\nwpa_passphrase=pass phrase \"x\"\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP CCMP\n"},
         {"ssid=#x = \"y\" \\|auth=2|password=a b'c\"d\\|hw_mode=1", "ssid=#x = \"y\" \\\nchannel=6\nhw_mode=g\nauth_algs=1\nwpa=1\n"
          "wpa_passphrase=a b'c\"d\\\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=CCMP\n"},
-        {"ssid=*z|auth=4|password=*p|encry=1", "ssid=" + z32 + "\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=3\n"
-         "wpa_passphrase=" + std::string(64, 'p') + "\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP\n"},
+        {"ssid=*z|auth=4|password=" + p63 + "|encry=1", "ssid=" + z32 + "\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=3\n"
+         "wpa_passphrase=" + p63 + "\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=TKIP\n"},
+        {"ssid=K|auth=2|password=" + H64, "ssid=K\nchannel=6\nhw_mode=b\nauth_algs=1\nwpa=1\nwpa_psk=" + H64 +
+         "\nwpa_key_mgmt=WPA-PSK\nwpa_pairwise=CCMP\n"},
         {"ssid=WPS|password=wps only|wps_enable=1", "ssid=WPS\nchannel=6\nhw_mode=b\nwps_state=2"}, // clang-format on
     };
     const nm_softap factory = record<nm_softap>("ap", "");

@@ -150,6 +150,33 @@ class FullSystem(SimTestCase):
         self.assertIn("3 packets transmitted, 3 packets received",
                       dev.out("ping", "-c", "3", "-W", "2", "10.64.0.1"))
 
+    def test_wps_keeps_a_63_character_passphrase_and_64_digits_are_the_key(self):
+        dev, p63, key = self.dev, (PASSPHRASE * 5)[:63], "0123456789abcdef" * 4
+
+        def ap(line):  # the upstream router with another key line
+            dev.on("upstream", "/bin/sh", "-c", "kill $(cat /run/a); cat >/tmp/a && hostapd -B -P "
+                   "/run/a /tmp/a", input=re.sub("wpa_pass.*", line, UPSTREAM_AP))
+        joined = lambda: poll("link_state 1", lambda: self.sta()["link_state"] == 1, 60)  # noqa
+        self.addCleanup(dev.on, "upstream", "/bin/sh", "-c", "kill $(cat /run/a)")
+        self.addCleanup(self.qmtnm, "set", "sta", "enable=0")
+        ap(f"wpa_passphrase={p63}")  # learned by WPS, kept, and joined by after a reboot
+        dev.on("upstream", "hostapd_cli", "-p", "/run/hostapd", "-i", "wlan2", "wps_pbc")
+        dev.run("qmtnm", "set", "sta", "enable=1", "wps=pbc", timeout=130)
+        dev.reboot()
+        ap(f"wpa_passphrase={p63}")
+        self.assertEqual(joined() and self.sta()["password"], p63)
+        ap(f"wpa_psk={key}")  # the key itself: the station joins by it, the soft AP serves it
+        self.qmtnm("set", "sta", f"password={key}") and joined()
+        self.addCleanup(self.qmtnm, "set", "ap", "auth=0")
+        self.qmtnm("set", "ap", "auth=3", "encry=0", f"password={key}")
+        dev.on("lan", "/bin/sh", "-c", "cat >/tmp/h && wpa_supplicant -Bi wlan3 -c/tmp/h -P/run/h",
+               input=f'ctrl_interface=/run/w\nnetwork={{\nssid="qmtnm-ap"\npsk={key}\n}}\n')
+        self.addCleanup(dev.on, "lan", "/bin/sh", "-c", "kill $(cat /run/h)")
+        poll("the LAN host's radio COMPLETED", lambda: "wpa_state=COMPLETED" in dev.on(
+            "lan", "wpa_cli", "-p", "/run/w", "-i", "wlan3", "status", check=False).stdout, 30)
+        self.addCleanup(self.qmtnm, "set", "wan", "dns2=10.99.0.53")  # static: only the tool prints
+        self.assertRegex(self.qmtnm("set", "wan", "dns2=10.99.0.54").stdout, r"\Awanflash ")
+
 
 if __name__ == "__main__":
     simdevice.main()
