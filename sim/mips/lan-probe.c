@@ -57,15 +57,12 @@ int main(int argc, char **argv) {
     unsigned char q[512] = {0, 0, 0, 0, 0, 1}, m[1500];
     int ql = 12;
     if (mdns) {
+        unsigned char qtype = argv[2][0] == '_' ? 12 : strstr(argv[2], "._") ? 33 : 1;
         for (char *label = strtok(argv[2], "."); label && ql < 480; label = strtok(NULL, ".")) {
             size_t n = strlen(label) < 63 ? strlen(label) : 63;
             q[ql++] = (unsigned char)n, memcpy(q + ql, label, n), ql += (int)n;
         }
-        unsigned char tail[5] = {0, 0,
-                                 argv[2][0] == '_'       ? 12
-                                 : strstr(argv[2], "._") ? 33
-                                                         : 1,
-                                 0, 1};
+        unsigned char tail[5] = {0, 0, qtype, 0, 1};
         memcpy(q + ql, tail, 5), ql += 5;
     } else {
         ql = snprintf((char *)q, sizeof q,
