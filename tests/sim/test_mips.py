@@ -177,6 +177,43 @@ class FullSystem(SimTestCase):
         self.addCleanup(self.qmtnm, "set", "wan", "dns2=10.99.0.53")  # static: only the tool prints
         self.assertRegex(self.qmtnm("set", "wan", "dns2=10.99.0.54").stdout, r"\Awanflash ")
 
+    # From the LAN host: lan-probe (sim/mips/lan-probe.c) and busybox's wget and nc.
+    def lan(self, *args):
+        return self.dev.on("lan", *args, check=False).stdout
+
+    def test_upnp_device_answers_ssdp_with_the_stored_friendly_name(self):
+        self.addCleanup(self.qmtnm, "set", "upnp", "enable=1", "friendlyName=qmtnm device")
+        self.qmtnm("set", "upnp", "enable=1", "friendlyName=Cam's den (2)")
+        urls = poll("an SSDP answer", lambda: set(self.lan("lan-probe", "ssdp").split()), 30)
+        self.assertEqual([u.startswith("http://192.168.1.1:") for u in urls], [True], urls)
+        self.assertEqual(re.findall(r"<friendlyName>([^<]*)", self.lan("wget", "-qO-", *urls))[0],
+                         "Cam's den (2)")
+        self.qmtnm("set", "upnp", "enable=0")
+        self.assertEqual(self.lan("lan-probe", "ssdp"), "")
+
+    def test_host_name_and_service_over_multicast_dns(self):
+        self.addCleanup(self.qmtnm, "set", "bonjour", "enable=1", "hostname=qmtnm")
+        self.qmtnm("set", "bonjour", "enable=1", "hostname=cam's")
+        mdns = lambda n: sorted(set(self.lan("lan-probe", "mdns", n).splitlines()))  # noqa: E731
+        self.assertEqual(poll("cam's.local", lambda: mdns("cam's.local"), 10),
+                         ["A cam's.local 192.168.1.1"])
+        self.assertEqual(mdns("_http._tcp.local"), ["PTR _http._tcp.local cam's._http._tcp.local"])
+        self.assertEqual(mdns("cam's._http._tcp.local"),
+                         ["SRV cam's._http._tcp.local 80 cam's.local"])
+        self.qmtnm("set", "bonjour", "enable=0")
+        self.assertEqual(mdns("cam's.local"), [])
+
+    def test_ip_filter_white_list_on_port_80(self):
+        get = lambda: self.lan("sh", "-c", "printf 'GET / HTTP/1.0\\r\\n\\r\\n' | "  # noqa: E731
+                               "nc -w 2 192.168.1.1 80").split("\n")[0].strip()
+        self.addCleanup(self.qmtnm, "set", "ipfilter", "enable=0")
+        for rule, want in (("192.168.1.10-192.168.1.10", "HTTP/1.1 200 OK"),
+                           ("192.168.1.11-192.168.1.20", "")):
+            self.qmtnm("set", "ipfilter", "enable=1", "mode=white", f"rule={rule}")
+            self.assertEqual(get(), want, rule)
+        self.qmtnm("set", "ipfilter", "enable=0")
+        self.assertEqual(get(), "HTTP/1.1 200 OK")
+
 
 if __name__ == "__main__":
     simdevice.main()
