@@ -730,6 +730,11 @@ int main(int argc, char **argv) {
         return cmd_boot(a, opt);
     }
     if (cli::is_pending_command(cmd)) {
+        int rest = i; // options may follow: "qmtnm pending --json"
+        for (int j = i; j < argc; ++j)
+            if (strcmp(cmd, "try") == 0 || !take_flag(opt, argv[j]))
+                argv[rest++] = argv[j];
+        argc = rest;
         if (opt.verbose)
             openlog("libqmtnm", LOG_CONS | LOG_PID | LOG_PERROR, LOG_LOCAL2);
         if (strcmp(cmd, "pending") != 0 && !may_change_machine(opt))
