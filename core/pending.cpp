@@ -256,15 +256,14 @@ int32_t restore_section(const char *section) {
     return kept.len == 0 || load(kept) >= 0 ? 0 : code(QMTNM_R_STORE);
 }
 
-// Ends the pending change; after a rollback, notes when and what.
+// Ends the pending change; after a rollback, notes when and what first, so that the state goes
+// from pending to rolled back at once.
 int32_t end_pending(uint32_t restored, bool rolled_back) {
-    if (sysconf_del_path("network/network_pending/change") < 0)
-        return code(QMTNM_R_STORE);
     if (rolled_back) {
         put_int("last", "at", static_cast<int32_t>(time(nullptr)));
         put_int("last", "restored", static_cast<int32_t>(restored));
     }
-    return 0;
+    return sysconf_del_path("network/network_pending/change") < 0 ? code(QMTNM_R_STORE) : 0;
 }
 
 // Every kept section back into the store, then every touched area applied from it, in order

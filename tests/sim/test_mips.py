@@ -3,7 +3,9 @@
 kernel under qemu-system-mipsel, against real daemons and radios. The device boots once for the
 class; what one test changes, it puts back."""
 import json
+import os
 import re
+import signal
 import sys
 
 sys.dont_write_bytecode = True  # no __pycache__ in the source tree
@@ -213,6 +215,24 @@ class FullSystem(SimTestCase):
             self.assertEqual(get(), want, rule)
         self.qmtnm("set", "ipfilter", "enable=0")
         self.assertEqual(get(), "HTTP/1.1 200 OK")
+
+
+    def test_power_cut_during_a_pending_change_rolls_it_back_at_the_next_start(self):
+        dev, net = self.dev, lambda: [l for l in dev.out("sysconf", "dump", "network").split(  # noqa
+            "\n") if not l.startswith("network/network_pending/")]
+        before = net()
+        self.qmtnm("try", "--timeout", "600", "set", "lan", "ipaddr=192.168.7.1",
+                   "begin=192.168.7.50", "end=192.168.7.60")
+        self.assertEqual(dev.addrs("br0"), ["192.168.7.1/24"])
+        with open(f"{dev.state}/run/qemu.id") as f:  # the power cut: the emulator killed
+            pid = int(f.read().split()[0])
+        os.kill(pid, signal.SIGKILL)
+        poll("the emulator gone", lambda: not os.path.exists(f"/proc/{pid}"), 10)
+        dev.sim("start")
+        self.assertEqual((dev.addrs("br0"), net()), (["192.168.1.1/24"], before))
+        self.assertIn("pending change: rolled back", dev.boot_log())
+        dev.wait_log(simdevice.log_line("qmtnm_try_recover", "pending change rolled back (found "
+                                        "unconfirmed at start-up), restored: lan_lcl"))
 
 
 if __name__ == "__main__":
