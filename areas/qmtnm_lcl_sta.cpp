@@ -252,6 +252,7 @@ int32_t save_sta_cfg() {
             cfg->auth = 2;
         }
     }
+    nm::store_batch batch; // the learned network whole, or not at all
     if (nm::store_put_str("network_sta", "ssid", nm::field_text(cfg->ssid).text) < 0) {
         NM_ERR("update sta ssid fail, errno=%d", kStoreFail);
         return kStoreFail;
@@ -264,7 +265,7 @@ int32_t save_sta_cfg() {
         NM_ERR("updatea sta password fail, errno=%d", kStoreFail);
         return kStoreFail;
     }
-    return 0;
+    return batch.commit() < 0 ? kStoreFail : 0;
 }
 
 int32_t wps_failed(int32_t code) {

@@ -115,6 +115,23 @@ int store_put_str(const char *section, const char *key, const char *value);
 // failure).
 int store_get_ifname(const char *section, char *buf, int cap);
 
+// Writes of this process stored together or not at all, until commit() (the store's batch). A
+// batch that could not be opened leaves each write on its own; one not committed is dropped.
+class store_batch {
+  public:
+    store_batch();
+    ~store_batch();
+    store_batch(const store_batch &) = delete;
+    store_batch &operator=(const store_batch &) = delete;
+    bool open() const { return open_; }
+    // Stores the writes: 0, or negative when nothing of them was stored (the store made room
+    // for a next try).
+    int commit();
+
+  private:
+    bool open_;
+};
+
 // ---- compare ----
 struct nochange_text {
     const char *calloc_fail; // logged with the area's memory code as its %d, if it has one

@@ -192,4 +192,17 @@ text_fault field_fault(const store_field &f, const void *record) {
     return text_ok(f.rule, text) ? text_fault::none : text_fault::content;
 }
 
+store_batch::store_batch() : open_(sysconf_batch_begin() == 0) {}
+
+store_batch::~store_batch() {
+    if (open_)
+        sysconf_batch_end(0);
+}
+
+int store_batch::commit() {
+    bool was_open = open_;
+    open_ = false;
+    return was_open ? sysconf_batch_end(1) : 0;
+}
+
 } // namespace nm

@@ -57,21 +57,42 @@ int32_t no_instance(const char *func) {
     return code;
 }
 
+// The persist step as one store transaction: the whole record is stored, or none of it (a
+// power cut in the middle leaves the record before). A transaction the file system had no room
+// for runs once more after the store made room.
+int32_t persist(lcl_instance *inst, void *arg1, uintptr_t arg2) {
+    if (inst->flush == nullptr)
+        return 0;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        nm::store_batch batch;
+        int32_t r = inst->flush(inst, arg1, arg2); // without a batch, each value on its own
+        if (r < 0 || !batch.open() || batch.commit() == 0)
+            return r;
+    }
+    uint32_t id = 0;
+    while (id < QMTNM_ID_COUNT && lcl_network[id] != inst)
+        ++id;
+    int32_t code = nm::err(QMTNM_MODULE(id), QMTNM_R_STORE);
+    nm::log(nm::LOG_GATE_ERR, "qmtnm_lcl_set", "%s settings not stored, errno = %d\n", inst->name,
+            code);
+    return code;
+}
+
 // Runs the apply chain (activate flag set) or the persist step alone (flag clear).
 int32_t apply_or_persist(lcl_instance *inst, void *arg1, uintptr_t arg2) {
     if (*activate == 0) {
         nm::log(nm::LOG_GATE_INFO, "qmtnm_lcl_set", "need reboot to activate action");
-        return inst->flush ? inst->flush(inst, arg1, arg2) : 0;
+        return persist(inst, arg1, arg2);
     }
     int32_t r = 0;
-    for (lcl_op_fn op : {inst->pre_set, inst->set, inst->flush}) {
+    for (lcl_op_fn op : {inst->pre_set, inst->set}) {
         if (op == nullptr)
             continue;
         r = op(inst, arg1, arg2);
         if (r < 0)
-            break;
+            return r;
     }
-    return r;
+    return inst->flush ? persist(inst, arg1, arg2) : r;
 }
 
 // Everything of a set that runs under the set semaphore.

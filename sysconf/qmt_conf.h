@@ -46,6 +46,15 @@ SYSCONF_API int sysconf_load(FILE *in, int replace);
 SYSCONF_API int sysconf_get_path(const char *path, char *str_out, size_t cap);
 SYSCONF_API int sysconf_set_path(const char *path, const char *value_text);
 SYSCONF_API int sysconf_del_path(const char *path);
+/* Several writes as one durable transaction: after sysconf_batch_begin(), this process's writes
+ * (qmt_conf_printf, sysconf_set_path, sysconf_del_path) are stored together by
+ * sysconf_batch_end(1), or not at all (sysconf_batch_end(0), or a write or the commit that
+ * failed). Other processes' writes wait for the end (reads do not). sysconf_load() cannot be
+ * part of a batch. Results: 0; QMT_CONF_EFORMAT for a begin with a batch open or an end without
+ * one; QMT_CONF_ESTORE when the batch could not be opened, or was not stored (then the log's
+ * room has been made, and running the batch again may succeed). */
+SYSCONF_API int sysconf_batch_begin(void);
+SYSCONF_API int sysconf_batch_end(int commit);
 /* The database file in use. */
 SYSCONF_API const char *sysconf_db_path(void);
 

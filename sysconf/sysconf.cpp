@@ -158,6 +158,8 @@ class connection {
 struct process_store {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     connection conn;
+    bool batch = false;        // a transaction of several writes is open (sysconf_batch_begin)
+    bool batch_failed = false; // one of its writes failed: it can only be rolled back
 };
 
 process_store *state = nullptr;
@@ -193,7 +195,10 @@ template <class Fn> int with_store(sysconf_internal::access how, Fn fn) {
         return QMT_CONF_ESTORE;
     pthread_mutex_lock(&st->lock);
     int r = QMT_CONF_ESTORE;
-    if (st->conn.db() != nullptr || st->conn.open(configured_path())) {
+    if (st->batch) { // a failed write spoils the batch; the room is made at its end
+        r = how != access::read && st->batch_failed ? QMT_CONF_ESTORE : fn(st->conn);
+        st->batch_failed |= how != access::read && r == QMT_CONF_ESTORE;
+    } else if (st->conn.db() != nullptr || st->conn.open(configured_path())) {
         r = fn(st->conn);
         if (r == QMT_CONF_ESTORE && how == access::write && st->conn.make_room())
             r = fn(st->conn);
@@ -331,9 +336,11 @@ int write_str(connection &c, std::string_view path, const char *v) {
     return step_done(s);
 }
 
-// Deletes the value at path and everything below it, in one transaction.
+// Deletes the value at path and everything below it, in one transaction (the batch's, when one
+// is open).
 int delete_path(connection &c, std::string_view path) {
-    if (sqlite3_exec(c.db(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
+    const bool own = sqlite3_get_autocommit(c.db()) != 0;
+    if (own && sqlite3_exec(c.db(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK)
         return QMT_CONF_ESTORE;
     sqlite3_stmt *s = c.use(connection::DEL);
     bind_path(s, path);
@@ -344,6 +351,8 @@ int delete_path(connection &c, std::string_view path) {
         below.bind(s);
         r = step_done(s);
     }
+    if (!own)
+        return r;
     const char *end = r == 0 ? "COMMIT" : "ROLLBACK";
     if (sqlite3_exec(c.db(), end, nullptr, nullptr, nullptr) != SQLITE_OK) {
         sqlite3_exec(c.db(), "ROLLBACK", nullptr, nullptr, nullptr);
@@ -515,6 +524,49 @@ int qmt_conf_printf(const char *domain, const char *format, ...) {
     va_start(ap, format);
     int r = conf_call(true, domain, format, ap);
     va_end(ap);
+    return r;
+}
+
+int sysconf_batch_begin(void) {
+    pthread_once(&state_once, init_state);
+    process_store *st = state;
+    if (st == nullptr)
+        return QMT_CONF_ESTORE;
+    pthread_mutex_lock(&st->lock);
+    int r = QMT_CONF_EFORMAT;
+    if (!st->batch) {
+        r = QMT_CONF_ESTORE;
+        if ((st->conn.db() != nullptr || st->conn.open(configured_path())) &&
+            sqlite3_exec(st->conn.db(), "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) ==
+                SQLITE_OK) {
+            st->batch = true;
+            st->batch_failed = false;
+            r = 0;
+        }
+    }
+    pthread_mutex_unlock(&st->lock);
+    return r;
+}
+
+int sysconf_batch_end(int commit) {
+    pthread_once(&state_once, init_state);
+    process_store *st = state;
+    if (st == nullptr)
+        return QMT_CONF_ESTORE;
+    pthread_mutex_lock(&st->lock);
+    int r = QMT_CONF_EFORMAT;
+    if (st->batch) {
+        sqlite3 *db = st->conn.db();
+        bool stored = commit && !st->batch_failed &&
+                      sqlite3_exec(db, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK;
+        if (!sqlite3_get_autocommit(db))
+            sqlite3_exec(db, "ROLLBACK", nullptr, nullptr, nullptr);
+        r = stored || !commit ? 0 : QMT_CONF_ESTORE;
+        st->batch = false;
+        if (r != 0) // a full file system: the log's space back for the caller's next try
+            st->conn.make_room();
+    }
+    pthread_mutex_unlock(&st->lock);
     return r;
 }
 

@@ -45,7 +45,8 @@ const bounded kRecords[] = {
     {"pppoe", "enable=1|username=*user\"\\|password=*pass'\"$|connected=1", true},
     {"ddns", "enable=1|domain=cam0123456.example0123456789.net|username=*me@:/ |password=*p&w%d",
      true},
-    {"sta", "enable=1|ssid=*Net'\"|auth=2|password=*0123456789abcdef|wps_pin=*1|link_state=7", true},
+    {"sta", "enable=1|ssid=*Net'\"|auth=2|password=*0123456789abcdef|wps_pin=*1|link_state=7",
+     true},
     // Nine digits fill the PIN field: refused, and applying and storing still read no further.
     {"sta", "enable=1|use_wps=1|wps_pin=*123456789|ssid=*x|password=*y", false},
     {"ap",

@@ -59,6 +59,31 @@ TEST(Store, ValuesRoundTripCutToTheReadersCapacityAndListsCountTheirElements) {
               QMT_CONF_EFORMAT);
 }
 
+// A batch's writes reach the store together at its end, or not at all; until then another
+// process reads the values before it.
+TEST(Store, ABatchIsStoredWholeOrNotAtAll) {
+    nmtest::load_defaults();
+    auto seen_elsewhere = [] { // the DSCP as a process of its own reads it
+        pid_t pid = fork();
+        int v = -1, status = 0;
+        if (pid == 0)
+            _exit(qmt_conf_scanf(D, "%k%k%d", "network_qos", "dscp", &v) == 0 ? v : 255);
+        waitpid(pid, &status, 0);
+        return WEXITSTATUS(status);
+    };
+    for (int commit : {0, 1}) {
+        ASSERT_EQ(sysconf_batch_begin(), 0);
+        EXPECT_EQ(sysconf_batch_begin(), QMT_CONF_EFORMAT);
+        EXPECT_EQ(qmt_conf_printf(D, "%k%k%d", "network_qos", "dscp", 46), 0);
+        EXPECT_EQ(sysconf_del_path("network/network_lan/port"), 0);
+        EXPECT_EQ(seen_elsewhere(), 0);
+        EXPECT_EQ(sysconf_batch_end(commit), 0);
+        EXPECT_EQ(seen_elsewhere(), commit ? 46 : 0);
+        EXPECT_EQ(nmtest::stored("network/network_lan/port"), commit ? "<missing>" : "\"br0\"");
+    }
+    EXPECT_EQ(sysconf_batch_end(1), QMT_CONF_EFORMAT);
+}
+
 TEST(Store, IllFormedCallsAreRefusedAndWriteNothing) {
     nmtest::load_defaults();
     int v = 0; // arguments harmless for any prefix of the formats

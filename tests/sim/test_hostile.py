@@ -72,14 +72,14 @@ IPF, BEGIN, END = ["enable=1", "mode=black"], "1.1.1.1", "1.1.1.9"
 # A valid station PIN would start a two-minute WPS attempt: it gets the hostile ones only.
 FIELDS = [
     Field("sta", "ssid", 32, 1, 32, "benign-net", STA, "A AAAAAAAA RRR AAAAA A"),
-    Field("sta", "password", 64, 8, 64, "benign-pass", STA, "A AAAAAAAA RRR AAAAA A"),
+    Field("sta", "password", 64, 8, 64, "benign-pass", STA, "A AAAAAAAA RRR AAAAA R"),
     # WEP keys of 13 characters stand quoted, of 10 (hexadecimal) unquoted.
     Field("sta", "password", 64, 0, 64, "benign-wep-13", WEP, "A AAAAAAAA RRR AAAAA R", 13),
     Field("sta", "password", 64, 0, 64, "0123456789", WEP[:4], "A RRRRRRRR RRR RRRRR R", 10),
     Field("sta", "wps_pin", 9, 0, 8, None, STA, "- RRRRRRRR RRR RRRRR R", full="123456789",
           word=lambda t: ["wps=pin", f"pin={t}"] if len(t.encode()) <= 8 else None),
     Field("ap", "ssid", 32, 1, 32, "benign-ap", AP, "A AAAAAAAA RRR AAAAA A"),
-    Field("ap", "password", 64, 8, 64, "benign-pass", AP, "A AAAAAAAA RRR AAAAA A"),
+    Field("ap", "password", 64, 8, 64, "benign-pass", AP, "A AAAAAAAA RRR AAAAA R"),
     Field("ap", "password", 64, 0, 64, "benign-wep-13", AP_WEP, "A AAAAAAAA RRR AAAAA R", 13),
     Field("ap", "password", 64, 0, 64, "0123456789", AP_WEP[:7], "A RRRRRRRR RRR RRRRR R", 10),
     Field("ap", "wps_pin", 16, 0, 16, "12345670", AP, "A AAAAAAAA AAA AAAAA A",
