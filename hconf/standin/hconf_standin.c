@@ -221,6 +221,24 @@ static int read_file(const char *path, uint8_t *img) {
     return 1;
 }
 
+/* Makes a rename in path's directory durable: the flash holds the new image once the sync has
+ * returned, also when the power goes right after. */
+static int sync_directory(const char *path) {
+    char dir[540];
+    snprintf(dir, sizeof dir, "%s", path);
+    char *slash = strrchr(dir, '/');
+    if (slash == NULL)
+        snprintf(dir, sizeof dir, ".");
+    else
+        slash[slash == dir] = '\0';
+    int fd = real_open_p(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    int r = fsync(fd);
+    real_close_p(fd);
+    return r;
+}
+
 /* Replaces path with the image, through a temporary file and rename. */
 static int write_file(const struct paths *p, const char *path, const uint8_t *img, int durable) {
     int fd = real_open_p(p->tmp, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -242,7 +260,7 @@ static int write_file(const struct paths *p, const char *path, const uint8_t *im
         unlink(p->tmp);
         return -1;
     }
-    return 0;
+    return durable ? sync_directory(path) : 0;
 }
 
 /* The working store: the .work file, else the committed image, else an empty store. */
