@@ -12,10 +12,10 @@
 // a file system with little room the log is folded back and truncated sooner: once past
 // kLogMinPages pages, whenever it holds more than a quarter of the space it and the free space
 // make up. A write that fails (a full file system) is tried once more after the log has been
-// folded back and truncated, which frees its space. A
-// connection needs room for its shared index when it is the first to open the store; when that
-// room is missing, a read is served by a read-only connection that keeps its index in memory,
-// so what is stored stays readable on a full file system.
+// folded back and truncated, which frees its space. A connection needs room for its shared
+// index when it is the first to open the store; when that room is missing, a read is served by a
+// read-only connection that keeps its index in memory, so what is stored stays readable on a full
+// file system.
 #include "qmt_conf.h"
 #include "sysconf_internal.h"
 
@@ -39,8 +39,9 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 10000;
 constexpr size_t kMaxPath = 512;
-constexpr int kLogMinPages = 32;             // of 4 KiB, SQLite's page size
-constexpr int kLogMaxPages = 1000;           // SQLite's own default (about 4 MiB)
+constexpr int kLogMinPages = 32;   // of 4 KiB, SQLite's page size
+constexpr int kLogMaxPages = 1000; // SQLite's own default (about 4 MiB)
+constexpr int kLookPages = 4;
 constexpr long long kFrameBytes = 4096 + 24; // a page in the log, with its frame header
 
 // Folds the log back into the database and truncates it, giving its space back. Waits for
@@ -53,11 +54,14 @@ bool fold_back_and_truncate(sqlite3 *db) {
 }
 
 // SQLite's log hook, after each commit with the log's length in pages: folds the log back when
-// it is due. The commit is durable already; a fold-back that cannot be done now is tried again
-// after the next one.
-int after_commit(void *, sqlite3 *db, const char *, int pages) {
-    if (pages < kLogMinPages)
+// it is due, looking at the free space every kLookPages pages (looked_at: the log's length at the
+// last look). The commit is durable already; a fold-back that cannot be done now (readers on an
+// older state) is tried again at the next look.
+int after_commit(void *looked_at, sqlite3 *db, const char *, int pages) {
+    int &last = *static_cast<int *>(looked_at);
+    if (pages < kLogMinPages || (pages >= last && pages < last + kLookPages))
         return SQLITE_OK;
+    last = pages;
     const long long log = pages * kFrameBytes;
     const char *file = sqlite3_db_filename(db, "main");
     struct statvfs fs;
@@ -97,7 +101,7 @@ class connection {
             close();
             return false;
         }
-        sqlite3_wal_hook(db_, after_commit, nullptr); // in place of SQLite's autocheckpoint
+        sqlite3_wal_hook(db_, after_commit, &log_looked_at_); // in place of SQLite's autocheckpoint
         return prepare();
     }
 
@@ -177,6 +181,7 @@ class connection {
 
     sqlite3 *db_ = nullptr;
     sqlite3_stmt *stmts_[COUNT_] = {};
+    int log_looked_at_ = 0;
 };
 
 // The process's connection. After fork() the child must not touch its parent's connection
