@@ -7,12 +7,15 @@
 // use; a child after fork() opens a fresh one instead of sharing its parent's.
 //
 // The store may share a small file system with other files and fill it up. Its write-ahead log
-// is folded back into the database every kWalPages pages and then kept to that size, so the
-// store takes a few hundred kilobytes at most. A write that fails (a full file system) is tried
-// once more after the log has been folded back and truncated, which frees its space. A
-// connection needs room for its shared index when it is the first to open the store; when that
-// room is missing, a read is served by a read-only connection that keeps its index in memory,
-// so what is stored stays readable on a full file system.
+// grows to kLogMaxPages pages, then is folded back into the database and written again from its
+// start (a write that overwrites the log in place syncs its data only, not the file's size). On
+// a file system with little room the log is folded back and truncated sooner: once past
+// kLogMinPages pages, whenever it holds more than a quarter of the space it and the free space
+// make up. A write that fails (a full file system) is tried once more after the log has been
+// folded back and truncated, which frees its space. A connection needs room for its shared
+// index when it is the first to open the store; when that room is missing, a read is served by a
+// read-only connection that keeps its index in memory, so what is stored stays readable on a full
+// file system.
 #include "qmt_conf.h"
 #include "sysconf_internal.h"
 
@@ -26,6 +29,7 @@
 #include <new>
 #include <pthread.h>
 #include <string_view>
+#include <sys/statvfs.h>
 
 #ifndef SYSCONF_DEFAULT_DB
 #define SYSCONF_DEFAULT_DB "/var/conf/sysconf.db"
@@ -35,7 +39,41 @@ namespace {
 
 constexpr int kBusyTimeoutMs = 10000;
 constexpr size_t kMaxPath = 512;
-constexpr int kWalPages = 32; // of 4 KiB, SQLite's page size
+constexpr int kLogMinPages = 32;   // of 4 KiB, SQLite's page size
+constexpr int kLogMaxPages = 1000; // SQLite's own default (about 4 MiB)
+constexpr int kLookPages = 4;
+constexpr long long kFrameBytes = 4096 + 24; // a page in the log, with its frame header
+
+// Folds the log back into the database and truncates it, giving its space back. Waits for
+// nobody: a store busy with readers is left as it is. True when that was done.
+bool fold_back_and_truncate(sqlite3 *db) {
+    sqlite3_busy_timeout(db, 0);
+    int rc = sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
+    sqlite3_busy_timeout(db, kBusyTimeoutMs);
+    return rc == SQLITE_OK;
+}
+
+// SQLite's log hook, after each commit with the log's length in pages: folds the log back when
+// it is due, looking at the free space every kLookPages pages (looked_at: the log's length at the
+// last look). The commit is durable already; a fold-back that cannot be done now (readers on an
+// older state) is tried again at the next look.
+int after_commit(void *looked_at, sqlite3 *db, const char *, int pages) {
+    int &last = *static_cast<int *>(looked_at);
+    if (pages < kLogMinPages || (pages >= last && pages < last + kLookPages))
+        return SQLITE_OK;
+    last = pages;
+    const long long log = pages * kFrameBytes;
+    const char *file = sqlite3_db_filename(db, "main");
+    struct statvfs fs;
+    const bool roomy =
+        file != nullptr && statvfs(file, &fs) == 0 &&
+        4 * log <= log + static_cast<long long>(fs.f_bavail) * static_cast<long long>(fs.f_frsize);
+    if (!roomy)
+        fold_back_and_truncate(db);
+    else if (pages >= kLogMaxPages)
+        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    return SQLITE_OK;
+}
 
 // ---- connection --------------------------------------------------------------------------
 
@@ -55,15 +93,15 @@ class connection {
         snprintf(setup, sizeof setup,
                  "PRAGMA journal_mode=WAL;"
                  "PRAGMA synchronous=FULL;"
-                 "PRAGMA wal_autocheckpoint=%d;"
-                 "PRAGMA journal_size_limit=%d;"
+                 "PRAGMA journal_size_limit=%lld;"
                  "CREATE TABLE IF NOT EXISTS conf(path TEXT PRIMARY KEY NOT NULL, value) "
                  "WITHOUT ROWID;",
-                 kWalPages, kWalPages * 4096);
+                 kLogMaxPages * kFrameBytes);
         if (sqlite3_exec(db_, setup, nullptr, nullptr, nullptr) != SQLITE_OK) {
             close();
             return false;
         }
+        sqlite3_wal_hook(db_, after_commit, &log_looked_at_); // in place of SQLite's autocheckpoint
         return prepare();
     }
 
@@ -97,16 +135,9 @@ class connection {
         return prepare();
     }
 
-    // After a failed write: folds the write-ahead log back into the database and truncates
-    // it, giving its space back. Waits for nobody: a store busy with readers is not retried.
-    // True when that was done, so that the write is worth one more try.
-    bool make_room() {
-        sqlite3_busy_timeout(db_, 0);
-        int rc =
-            sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
-        sqlite3_busy_timeout(db_, kBusyTimeoutMs);
-        return rc == SQLITE_OK;
-    }
+    // After a failed write: folds the log back and truncates it. True when that was done, so
+    // that the write is worth one more try.
+    bool make_room() { return fold_back_and_truncate(db_); }
 
     sqlite3 *db() const { return db_; }
 
@@ -150,6 +181,7 @@ class connection {
 
     sqlite3 *db_ = nullptr;
     sqlite3_stmt *stmts_[COUNT_] = {};
+    int log_looked_at_ = 0;
 };
 
 // The process's connection. After fork() the child must not touch its parent's connection

@@ -247,7 +247,7 @@ std::string check_db(const std::string &path = sysconf_db_path(), bool read_only
 // What child processes leave for the parent, in zeroed memory shared with it. The cases store
 // without applying, with the log quiet (children would block on a full log socket).
 struct shared_block {
-    volatile int acked, read_ok, code;
+    volatile int acked, read_ok, code, log;
 };
 shared_block *shared_blocks(size_t n) {
     nmtest::set_activate_flag(0);
@@ -259,7 +259,7 @@ shared_block *shared_blocks(size_t n) {
 
 TEST(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFit) {
     // The area; the store left open with its last writes in its log (where the sets then fit);
-    // the 1 MB file system filled after every set (else the store's log stays small); sets.
+    // the 1 MB file system filled after every set (else the store's log grows to its limit); sets.
     const std::tuple<const area_desc *, bool, bool, int> cases[] = {
         {&kQos, 0, 1, 100}, {&kDdns, 0, 1, 100}, {&kDdns, 1, 1, 100}, {&kDdns, 0, 0, 600}};
     const std::string dir = "/tmp/store-full", db = dir + "/sysconf.db",
@@ -268,6 +268,7 @@ TEST(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFit)
     for (const auto &[area, log_frames, full, count] : cases) {
         SCOPED_TRACE(testing::Message() << area->flush << ", log " << log_frames << ", " << count);
         mkdir(dir.c_str(), 0755);
+        res->log = 0;
         ASSERT_EQ(mount("store-fault", dir.c_str(), "tmpfs", 0, "size=1m"), 0) << strerror(errno);
         // In a child on this store: sets records from..to until one fails, then reads back.
         auto sets = [&, &a = *area](int from, int to, bool filling) {
@@ -277,9 +278,13 @@ TEST(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFit)
             setenv("SYSCONF_DB", db.c_str(), 1);
             if (from == 0)
                 nmtest::load_defaults();
-            for (int n = from; n <= to && (res->code = a.set(n)) == 0; ++n)
+            for (int n = from; n <= to && (res->code = a.set(n)) == 0; ++n) {
+                struct stat log = {}; // the longest log after a set
+                stat((db + "-wal").c_str(), &log);
+                res->log = std::max(int{res->log}, static_cast<int>(log.st_size));
                 if ((res->acked = n) && filling)
                     nmtest::sh(fill);
+            }
             res->read_ok = old_or_new(a, res->acked, res->acked + 1);
             _exit(0);
         };
@@ -296,6 +301,8 @@ TEST(StoreFault, AFullFileSystemKeepsWhatIsStoredAndFailsOnlyWritesThatDoNotFit)
             sets(from, count, full);
             EXPECT_TRUE(res->read_ok) << "from " << from << ": the stored record lost";
         }
+        // The log took at most a quarter of the file system, and the pages between two looks.
+        EXPECT_LE(res->log, (1 << 20) / 4 + 5 * 4120);
         const bool fails = full && !log_frames;
         EXPECT_EQ(res->code, fails ? QMTNM_ERR(QMTNM_MODULE(area->id), QMTNM_R_STORE) : 0)
             << "set " << res->acked + 1;
