@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """Prints the benchmarks' one table from Google Benchmark's JSON output.
 
-    report.py TMPFS.json LOAD.json DISK.json [--markdown]
+    report.py TMPFS.json LOAD.json DISK.json PENDING.json [--markdown]
 
 TMPFS.json: qmtnm_bench with the store's database on tmpfs; LOAD.json: qmtnm_load_bench;
-DISK.json: qmtnm_bench (store write and INSERT only) with the database on disk. Each figure is
+DISK.json: qmtnm_bench (store write and INSERT only) with the database on disk; PENDING.json:
+qmtnm_pending_bench, the database on disk. Each figure is
 the median of the repetitions; its floor is the same SQL on a prepared connection of its own.
 """
 import json
@@ -57,11 +58,12 @@ def fmt_rate(r):
 def main(argv):
     markdown = "--markdown" in argv
     args = [a for a in argv if a != "--markdown"]
-    if len(args) != 3:
+    if len(args) != 4:
         sys.exit(__doc__)
     ctx, tmpfs = load(args[0])
     _, loadr = load(args[1])
     _, disk = load(args[2])
+    _, pending = load(args[3])
 
     def get(runs, name):
         if name not in runs:
@@ -128,6 +130,12 @@ def main(argv):
                 row(what, procs, tmpfs, name, sel2 + " (same procs)", tmpfs, floor)
             else:
                 row(what, procs, tmpfs, name)
+
+    row("qmtnm_lcl_set(qos) changed, db on disk", 1, pending, "BM_set_changed/pending:0")
+    row("the same, a change pending (QoS kept already)", 1, pending, "BM_set_changed/pending:1")
+    row("the first set of QoS in a pending change", 1, pending, "BM_first_set_pending")
+    row("pending change: deadline to the old settings back", 1, pending,
+        "BM_deadline_to_restored/iterations:3/manual_time")
 
     head = ["Measurement", "Procs", "Time per call", "Calls/s (all procs)", "Floor: same SQL",
             "Floor time", "x floor"]

@@ -190,6 +190,7 @@ void map_activate_flag() {
         shm_unlink(kActivateShm);
         exit(1);
     }
+    close(fd); // the mapping stays
     activate = static_cast<uint32_t *>(p);
     if (created)
         *activate = 1;
@@ -308,7 +309,18 @@ __attribute__((constructor)) void libqmtnm_lcl_init(void) {
     openlog("libqmtnm", LOG_CONS | LOG_PID, LOG_LOCAL2);
 }
 
+// Unloading gives back what loading took: the semaphores' and the flag's mappings.
 __attribute__((destructor)) void libqmtnm_lcl_exit(void) {
+    for (lcl_instance *inst : lcl_network) {
+        for (sem_t **sem : {inst ? &inst->set_sem : nullptr, inst ? &inst->get_sem : nullptr})
+            if (sem && *sem && *sem != SEM_FAILED) {
+                sem_close(*sem);
+                *sem = nullptr;
+            }
+    }
+    if (activate != nullptr)
+        munmap(activate, sizeof(uint32_t));
+    activate = nullptr;
     closelog();
 }
 

@@ -205,7 +205,8 @@ typedef struct qmtnm_sta_cfg {
     int32_t encry;       /* with auth 2..4: 0..2 */
     int32_t index;       /* WEP key number 1..4 */
     char password[64];   /* WEP key (5 or 13 characters, or 10 or 26 hexadecimal digits) or WPA
-                            passphrase (8..64 characters) */
+                            passphrase (8..63 characters), or the WPA key itself (64
+                            hexadecimal digits, filling the field) */
     int32_t use_wps;     /* nonzero: join by WPS instead (not stored) */
     int32_t push_button; /* with use_wps: nonzero push button, 0 PIN (not stored) */
     char wps_pin[9];     /* the PIN method's 8 digits */

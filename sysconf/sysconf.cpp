@@ -216,16 +216,23 @@ const char *configured_path() {
     return env && *env ? env : SYSCONF_DEFAULT_DB;
 }
 
+// The process's store with its lock taken, or null (no memory for it).
+process_store *lock_store() {
+    pthread_once(&state_once, init_state);
+    process_store *st = state;
+    if (st != nullptr)
+        pthread_mutex_lock(&st->lock);
+    return st;
+}
+
 // Runs fn(connection&) under the process's lock; QMT_CONF_ESTORE when the store won't open.
 // A read runs on a read-only connection of its own when the process's connection cannot be
 // opened; a failed write that may run again runs once more after the log made room.
 template <class Fn> int with_store(sysconf_internal::access how, Fn fn) {
     using sysconf_internal::access;
-    pthread_once(&state_once, init_state);
-    process_store *st = state;
+    process_store *st = lock_store();
     if (st == nullptr)
         return QMT_CONF_ESTORE;
-    pthread_mutex_lock(&st->lock);
     int r = QMT_CONF_ESTORE;
     if (st->batch) { // a failed write spoils the batch; the room is made at its end
         r = how != access::read && st->batch_failed ? QMT_CONF_ESTORE : fn(st->conn);
@@ -560,11 +567,9 @@ int qmt_conf_printf(const char *domain, const char *format, ...) {
 }
 
 int sysconf_batch_begin(void) {
-    pthread_once(&state_once, init_state);
-    process_store *st = state;
+    process_store *st = lock_store();
     if (st == nullptr)
         return QMT_CONF_ESTORE;
-    pthread_mutex_lock(&st->lock);
     int r = QMT_CONF_EFORMAT;
     if (!st->batch) {
         r = QMT_CONF_ESTORE;
@@ -581,11 +586,9 @@ int sysconf_batch_begin(void) {
 }
 
 int sysconf_batch_end(int commit) {
-    pthread_once(&state_once, init_state);
-    process_store *st = state;
+    process_store *st = lock_store();
     if (st == nullptr)
         return QMT_CONF_ESTORE;
-    pthread_mutex_lock(&st->lock);
     int r = QMT_CONF_EFORMAT;
     if (st->batch) {
         sqlite3 *db = st->conn.db();
