@@ -222,8 +222,11 @@ template <size_t N> void take_value(const char *line, size_t key_len, char (&fie
     v.remove_prefix(std::min(v.size(), key_len + 2));
     if (!v.empty() && v.back() == '\n')
         v.remove_suffix(1);
-    if (v.size() >= 2 && v.front() == '"' && v.back() == '"')
-        v = v.substr(1, v.size() - 2);
+    // Between the quotes; not with substr, which may throw: the library has no C++ runtime.
+    if (v.size() >= 2 && v.front() == '"' && v.back() == '"') {
+        v.remove_prefix(1);
+        v.remove_suffix(1);
+    }
     memset(field, 0, N);
     memcpy(field, v.data(), std::min(v.size(), N));
 }
