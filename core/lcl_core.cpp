@@ -78,20 +78,24 @@ int32_t persist(lcl_instance *inst, void *arg1, uintptr_t arg2) {
     return code;
 }
 
+// The apply steps of a record (pre_set, then set), stopping at the first failure.
+int32_t apply(lcl_instance *inst, void *arg1, uintptr_t arg2) {
+    int32_t r = 0;
+    for (lcl_op_fn op : {inst->pre_set, inst->set})
+        if (op != nullptr && (r = op(inst, arg1, arg2)) < 0)
+            break;
+    return r;
+}
+
 // Runs the apply chain (activate flag set) or the persist step alone (flag clear).
 int32_t apply_or_persist(lcl_instance *inst, void *arg1, uintptr_t arg2) {
     if (*activate == 0) {
         nm::log(nm::LOG_GATE_INFO, "qmtnm_lcl_set", "need reboot to activate action");
         return persist(inst, arg1, arg2);
     }
-    int32_t r = 0;
-    for (lcl_op_fn op : {inst->pre_set, inst->set}) {
-        if (op == nullptr)
-            continue;
-        r = op(inst, arg1, arg2);
-        if (r < 0)
-            return r;
-    }
+    int32_t r = apply(inst, arg1, arg2);
+    if (r < 0)
+        return r;
     return inst->flush ? persist(inst, arg1, arg2) : r;
 }
 
@@ -238,9 +242,7 @@ int32_t restore_record(lcl_instance *inst, void *record) {
     if (r >= 0 && *activate == 0)
         nm::log(nm::LOG_GATE_INFO, "qmtnm_try_rollback", "need reboot to activate action");
     else if (r >= 0)
-        for (lcl_op_fn op : {inst->pre_set, inst->set})
-            if (op != nullptr && r >= 0)
-                r = op(inst, record, 0);
+        r = apply(inst, record, 0);
     sem_post(inst->set_sem);
     return r;
 }

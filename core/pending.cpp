@@ -266,6 +266,16 @@ int32_t end_pending(uint32_t restored, bool rolled_back) {
     return sysconf_del_path("network/network_pending/change") < 0 ? code(QMTNM_R_STORE) : 0;
 }
 
+// Whether an area before k in the table lists section too (the soft AP's section is also the
+// bridge's; PPPoE's and DDNS's are also the Ethernet type's): each section is restored once.
+bool listed_before(const kept_area &k, const char *section) {
+    for (const kept_area *o = kKept; o != &k; ++o)
+        for (const char *s : o->sections)
+            if (s && strcmp(s, section) == 0)
+                return true;
+    return false;
+}
+
 // Every kept section back into the store, then every touched area applied from it, in order
 // (live; at start-up the start-up apply does that), then the pending change ends. The caller
 // holds the lock.
@@ -273,7 +283,7 @@ int32_t roll_back(const char *func, bool live, const char *why) {
     int32_t first = 0;
     for (const kept_area &k : kKept)
         for (const char *section : k.sections)
-            if (section && get_flag("sections", section) >= 0)
+            if (section && !listed_before(k, section) && get_flag("sections", section) >= 0)
                 if (int32_t r = restore_section(section); r < 0 && first == 0)
                     first = r;
     uint32_t restored = 0;
